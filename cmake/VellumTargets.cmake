@@ -1,0 +1,27 @@
+# Shared settings for the project's own targets. Warnings stay PRIVATE so they
+# never leak onto consumers of the libraries.
+function(vellum_defaults target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow
+    -Wnon-virtual-dtor -Wold-style-cast -Wcast-align -Wnull-dereference
+    -Werror)
+endfunction()
+
+# vellum_library(NAME folder SOURCES ... DEPS ...)
+function(vellum_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  vellum_defaults(${name})
+endfunction()
+
+# vellum_test(NAME SOURCES ... DEPS ... [LABELS ...])
+function(vellum_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} vellum_test_support GTest::gtest_main GTest::gmock)
+  vellum_defaults(${name})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${ARG_LABELS}")
+endfunction()

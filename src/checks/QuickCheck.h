@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <nlohmann/json_fwd.hpp>
+#include <string_view>
+
+#include "checks/CheckTypes.h"
+#include "devices/BlockDevice.h"
+
+namespace vellum {
+
+// The non-destructive fake-capacity test: writes test blocks at about a
+// thousand points across the claimed capacity, reads them back, puts the
+// original data back, and refines the boundary of a fake card.
+struct QuickCheck {
+  std::int64_t points = 1024;
+  std::int64_t refinementPoints = 128;
+  std::int64_t readSampleBytes = 256'000'000;
+
+  struct Result {
+    enum class Verdict { genuine, counterfeit, unreliable };
+    Verdict verdict = Verdict::genuine;
+    std::uint64_t claimedBytes = 0;
+    std::uint64_t verifiedBytes = 0;
+    std::int64_t pointsTested = 0;
+    std::int64_t pointsIntact = 0;
+    std::int64_t pointsAliased = 0;
+    std::int64_t pointsCorrupt = 0;
+    double readMBps = 0;
+    double duration = 0;
+    bool operator==(const Result&) const = default;
+  };
+
+  // Throws CheckError (cancelled, deviceTooSmall, restoreFailed) or the
+  // device's WriteError/DeviceError. Whenever the first test block has been
+  // written, every probed point is restored before any error is thrown.
+  Result run(BlockDevice& device, const CancellationFlag& cancel,
+             const ProgressCallback& progress = {}) const;
+};
+
+std::string_view toString(QuickCheck::Result::Verdict verdict);
+void to_json(nlohmann::json& json, const QuickCheck::Result& result);
+
+}  // namespace vellum

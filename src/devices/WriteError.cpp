@@ -1,0 +1,35 @@
+#include "devices/WriteError.h"
+
+#include <type_traits>
+
+namespace vellum {
+namespace {
+
+std::string describe(const WriteError::Case& errorCase) {
+  return std::visit(
+      [](const auto& c) -> std::string {
+        using C = std::decay_t<decltype(c)>;
+        if constexpr (std::is_same_v<C, WriteError::Unaligned>) {
+          return "Write at " + std::to_string(c.offset) + " of " + std::to_string(c.count) +
+                 " bytes isn't aligned to the " + std::to_string(c.blockSize) + "-byte block size.";
+        } else if constexpr (std::is_same_v<C, WriteError::OutOfRange>) {
+          return "Write at " + std::to_string(c.offset) + " of " + std::to_string(c.count) +
+                 " bytes runs past the end of the device (" + std::to_string(c.size) + " bytes).";
+        } else if constexpr (std::is_same_v<C, WriteError::WriteFailed>) {
+          return "Write failed at offset " + std::to_string(c.offset) + ": " + errnoText(c.errnum);
+        } else if constexpr (std::is_same_v<C, WriteError::CannotOpen>) {
+          return "Could not open " + c.path + " for writing: " + errnoText(c.errnum);
+        } else if constexpr (std::is_same_v<C, WriteError::AuthorizationDenied>) {
+          return "Permission to write to " + c.path + " was denied.";
+        } else {
+          return c.message;
+        }
+      },
+      errorCase);
+}
+
+}  // namespace
+
+WriteError::WriteError(Case errorCase) : ErrorOf(errorCase, describe(errorCase)) {}
+
+}  // namespace vellum
