@@ -1,0 +1,157 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+
+#include "bytes/AlignedBuffer.h"
+#include "bytes/ByteCountFormat.h"
+#include "bytes/DeviceError.h"
+#include "bytes/FileSource.h"
+#include "bytes/MemorySource.h"
+#include "bytes/UniqueFd.h"
+#include "support/TempDir.h"
+
+namespace vellum {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+
+std::string digits(std::size_t n) {
+  std::string s(n, '\0');
+  for (std::size_t i = 0; i < n; ++i)
+    s[i] = static_cast<char>('0' + i % 10);
+  return s;
+}
+
+// The read contract holds for every source: empty at or past the end, short
+// only at the end.
+TEST(ByteSource, ReadContractAtTheEnd) {
+  TempDir dir;
+  writeFile(dir.file("ten"), digits(10));
+  std::vector<std::unique_ptr<ByteSource>> sources;
+  sources.push_back(
+      std::make_unique<MemorySource>(Bytes{'0', '1', '2', '3', '4', '5', '6', '7', '8', '9'}));
+  sources.push_back(std::make_unique<FileSource>(dir.file("ten")));
+  for (auto& source : sources) {
+    SCOPED_TRACE(source->descriptionForReport());
+    EXPECT_EQ(source->size(), 10u);
+    EXPECT_TRUE(source->read(10, 10).empty());
+    EXPECT_TRUE(source->read(1000, 10).empty());
+    EXPECT_EQ(source->read(7, 10), (Bytes{'7', '8', '9'}));
+    EXPECT_EQ(source->read(2, 3), (Bytes{'2', '3', '4'}));
+    EXPECT_TRUE(source->read(3, 0).empty());
+    EXPECT_EQ(source->badReads(), 0);
+  }
+}
+
+TEST(ByteSource, Descriptions) {
+  EXPECT_EQ(MemorySource(Bytes{}).descriptionForReport(), "memory(0 bytes)");
+  EXPECT_EQ(MemorySource(Bytes{}).size(), 0u);
+  EXPECT_EQ(MemorySource(Bytes(5)).descriptionForReport(), "memory(5 bytes)");
+  TempDir dir;
+  writeFile(dir.file("a.img"), "x");
+  EXPECT_EQ(FileSource(dir.file("a.img")).descriptionForReport(), dir.file("a.img"));
+}
+
+TEST(FileSource, OpenFailuresNameThePath) {
+  TempDir dir;
+  const std::string missing = dir.file("missing.img");
+  try {
+    FileSource source(missing);
+    FAIL() << "opened a missing file";
+  } catch (const DeviceError& error) {
+    EXPECT_EQ(error, DeviceError::cannotOpen(missing, ENOENT));
+    EXPECT_EQ(error.description(), "Could not open " + missing + ": No such file or directory");
+  }
+}
+
+TEST(FileSource, FileThatShrinksReadsShort) {
+  TempDir dir;
+  writeFile(dir.file("f"), digits(8192));
+  FileSource source(dir.file("f"));
+  std::filesystem::resize_file(dir.file("f"), 5000);
+  EXPECT_EQ(source.size(), 8192u);
+  EXPECT_EQ(source.read(4096, 4096).size(), 904u);
+  EXPECT_TRUE(source.read(6000, 100).empty());
+}
+
+TEST(FileSource, ReadErrorCarriesOffsetOfFailingCall) {
+  // A directory opens read-only but every read fails with EISDIR.
+  TempDir dir;
+  FileSource source(dir.path().string());
+  // Directories report a non-zero st_size on most file systems; force a size.
+  if (source.size() == 0) GTEST_SKIP() << "directory size is 0 on this file system";
+  try {
+    (void)source.read(0, 16);
+    FAIL() << "read of a directory succeeded";
+  } catch (const DeviceError& error) {
+    EXPECT_EQ(error, DeviceError::readFailed(0, EISDIR));
+    EXPECT_EQ(error.description(), "Read failed at offset 0: Is a directory");
+  }
+}
+
+TEST(DeviceError, Descriptions) {
+  EXPECT_EQ(DeviceError::authorizationDenied("/dev/sdb").description(),
+            "Authorization to read /dev/sdb was denied.");
+  EXPECT_EQ(DeviceError::notAFileOrDevice("/tmp").description(),
+            "/tmp is not a readable file or device.");
+  EXPECT_EQ(DeviceError::readFailed(4096, EIO).description(),
+            "Read failed at offset 4096: Input/output error");
+  EXPECT_NE(DeviceError::readFailed(4096, EIO), DeviceError::readFailed(0, EIO));
+  EXPECT_NE(DeviceError::cannotOpen("a", 1), DeviceError::authorizationDenied("a"));
+}
+
+TEST(UniqueFd, ClosesOnDestructionAndMove) {
+  int raw = -1;
+  {
+    UniqueFd fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(fd.valid());
+    raw = fd.get();
+    UniqueFd moved(std::move(fd));
+    EXPECT_FALSE(fd.valid());
+    EXPECT_EQ(moved.get(), raw);
+  }
+  errno = 0;
+  EXPECT_EQ(::fcntl(raw, F_GETFD), -1);
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST(AlignedBuffer, IsPageAligned) {
+  AlignedBuffer buffer(3 * 4096 + 17);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % 4096, 0u);
+  EXPECT_EQ(buffer.size(), 3u * 4096 + 17);
+  AlignedBuffer moved = std::move(buffer);
+  EXPECT_EQ(buffer.size(), 0u);
+  EXPECT_EQ(moved.span().size(), 3u * 4096 + 17);
+}
+
+TEST(ByteCountFormat, DecimalUnitsWithOneDecimal) {
+  const std::pair<std::uint64_t, const char*> cases[] = {
+      {0, "0 bytes"},
+      {1, "1 byte"},
+      {999, "999 bytes"},
+      {1000, "1 KB"},
+      {4096, "4 KB"},
+      {999'499, "999 KB"},
+      {999'950, "1 MB"},
+      {100'663'296, "100.7 MB"},
+      {268'435'456, "268.4 MB"},
+      {536'870'912, "536.9 MB"},
+      {31'914'983'424, "31.9 GB"},
+      {4'000'000'000'000, "4 TB"},
+  };
+  for (const auto& [bytes, text] : cases)
+    EXPECT_EQ(formatByteCount(bytes), text) << bytes;
+}
+
+TEST(PreconditionDeathTest, NegativeCountAborts) {
+  MemorySource source(Bytes(4));
+  EXPECT_DEATH((void)source.read(0, -1), "precondition failed");
+}
+
+}  // namespace
+}  // namespace vellum

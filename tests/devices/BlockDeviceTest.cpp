@@ -1,0 +1,187 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <numeric>
+
+#include "bytes/DeviceError.h"
+#include "bytes/FileSource.h"
+#include "devices/FileDescriptorDevice.h"
+#include "devices/SimulatedDevice.h"
+#include "devices/WriteError.h"
+#include "support/TempDir.h"
+
+namespace vellum {
+namespace {
+
+using testing::TempDir;
+using testing::writeFile;
+using Overflow = SimulatedDevice::Overflow;
+
+Bytes filled(std::size_t n, std::uint8_t value) {
+  return Bytes(n, value);
+}
+
+Bytes counting(std::size_t n, std::uint8_t start = 0) {
+  Bytes b(n);
+  std::iota(b.begin(), b.end(), start);
+  return b;
+}
+
+template <class F>
+WriteError writeErrorOf(F&& f) {
+  try {
+    f();
+  } catch (const WriteError& error) {
+    return error;
+  }
+  ADD_FAILURE() << "no WriteError";
+  return WriteError::refused("none");
+}
+
+TEST(CheckWrite, AlignmentBeforeRange) {
+  SimulatedDevice device(4096, std::nullopt, Overflow::wrap, 512);
+  EXPECT_NO_THROW(device.checkWrite(4096, 0));
+  EXPECT_NO_THROW(device.checkWrite(3584, 512));
+  EXPECT_EQ(writeErrorOf([&] { device.checkWrite(4096 + 512, 0); }),
+            WriteError::outOfRange(4608, 0, 4096));
+  const WriteError unaligned = writeErrorOf([&] { device.write(1, filled(512, 1)); });
+  EXPECT_EQ(unaligned, WriteError::unaligned(1, 512, 512));
+  EXPECT_EQ(unaligned.description(),
+            "Write at 1 of 512 bytes isn't aligned to the 512-byte block size.");
+  // Both unaligned and past the end: alignment wins.
+  EXPECT_EQ(writeErrorOf([&] { device.checkWrite(8193, 100); }),
+            WriteError::unaligned(8193, 100, 512));
+  EXPECT_EQ(writeErrorOf([&] { device.checkWrite(4096, 512); }).description(),
+            "Write at 4096 of 512 bytes runs past the end of the device (4096 bytes).");
+}
+
+TEST(WriteError, Descriptions) {
+  EXPECT_EQ(WriteError::writeFailed(0, EIO).description(),
+            "Write failed at offset 0: Input/output error");
+  EXPECT_EQ(WriteError::cannotOpen("/dev/sdb", EACCES).description(),
+            "Could not open /dev/sdb for writing: Permission denied");
+  EXPECT_EQ(WriteError::authorizationDenied("/dev/sdb").description(),
+            "Permission to write to /dev/sdb was denied.");
+  EXPECT_EQ(WriteError::refused("No card selected.").description(), "No card selected.");
+}
+
+TEST(SimulatedDevice, WrapOverwritesTheStart) {
+  SimulatedDevice device(4096, 1024, Overflow::wrap, 512);
+  device.write(0, filled(512, 0xAA));
+  device.write(1024, filled(512, 0xBB));
+  EXPECT_EQ(device.read(0, 512), filled(512, 0xBB));
+  EXPECT_EQ(device.read(1024, 512), filled(512, 0xBB));
+  EXPECT_EQ(device.descriptionForReport(), "simulated(4096 bytes, real 1024)");
+}
+
+TEST(SimulatedDevice, DiscardLosesWritesPastRealCapacity) {
+  SimulatedDevice device(4096, 1024, Overflow::discard, 512);
+  device.write(0, filled(512, 0xAA));
+  device.write(512, filled(1024, 0xCC));  // crosses the real capacity
+  device.write(1024, filled(512, 0xBB));
+  EXPECT_EQ(device.read(0, 512), filled(512, 0xAA));
+  EXPECT_EQ(device.read(1024, 512), filled(512, 0));
+  Bytes expected = filled(512, 0xCC);
+  expected.resize(1024, 0);
+  EXPECT_EQ(device.read(512, 1024), expected);
+}
+
+TEST(SimulatedDevice, BlockStraddlingStorageEndReadsZerosThenWraps) {
+  // Real capacity 1000 is not a block multiple: block 1 (512..1023) holds 488
+  // stored bytes then zeros; block 2 starts again at physical 24.
+  SimulatedDevice device(4096, 1000, Overflow::wrap, 512);
+  device.write(0, counting(512));
+  const Bytes block1 = device.read(512, 512);
+  EXPECT_TRUE(std::all_of(block1.begin() + 488, block1.end(), [](auto b) { return b == 0; }));
+  const Bytes block2 = device.read(1024, 4);
+  EXPECT_EQ(block2, (Bytes{24, 25, 26, 27}));
+}
+
+TEST(SimulatedDevice, UnreadableBlockFailsAtItsOwnOffset) {
+  SimulatedDevice device(8192, std::nullopt, Overflow::wrap, 512);
+  device.unreadableBlocks() = {3};
+  try {
+    (void)device.read(0, 4096);
+    FAIL() << "read through an unreadable block";
+  } catch (const DeviceError& error) {
+    EXPECT_EQ(error, DeviceError::readFailed(1536, EIO));
+  }
+  try {
+    (void)device.read(1600, 10);
+    FAIL();
+  } catch (const DeviceError& error) {
+    EXPECT_EQ(error, DeviceError::readFailed(1600, EIO));
+  }
+  EXPECT_EQ(device.read(2048, 512).size(), 512u);
+  device.unreadableBlocks().clear();
+  EXPECT_EQ(device.read(0, 4096).size(), 4096u);
+}
+
+TEST(SimulatedDevice, ReadsPastClaimedSize) {
+  SimulatedDevice device(4096, std::nullopt, Overflow::wrap, 512);
+  EXPECT_TRUE(device.read(4096, 10).empty());
+  EXPECT_EQ(device.read(4090, 10).size(), 6u);
+}
+
+TEST(FileDescriptorDevice, OpenImageUsesWholeBlocksOnly) {
+  TempDir dir;
+  writeFile(dir.file("small.img"), std::string(1000, 'x'));
+  const auto device = FileDescriptorDevice::openImage(dir.file("small.img"), 512);
+  EXPECT_EQ(device->size(), 512u);
+  EXPECT_EQ(device->blockSize(), 512);
+  EXPECT_EQ(device->descriptionForReport(), dir.file("small.img"));
+  EXPECT_EQ(device->read(500, 100).size(), 12u);
+}
+
+TEST(FileDescriptorDevice, OpenImageRefusals) {
+  TempDir dir;
+  EXPECT_EQ(writeErrorOf([&] { FileDescriptorDevice::openImage(dir.file("none"), 512); }),
+            WriteError::cannotOpen(dir.file("none"), ENOENT));
+  std::filesystem::create_directory(dir.file("folder"));
+  // Opening a directory read-write fails in open() itself.
+  EXPECT_EQ(writeErrorOf([&] { FileDescriptorDevice::openImage(dir.file("folder"), 512); }),
+            WriteError::cannotOpen(dir.file("folder"), EISDIR));
+  EXPECT_EQ(writeErrorOf([&] { FileDescriptorDevice::openImage("/dev/null", 512); }),
+            WriteError::refused("/dev/null is not a regular disk image file."));
+}
+
+// Writes and reads of every shape reach the file, whether the descriptor is
+// direct (aligned, unaligned memory, sub-alignment blocks) or cached.
+TEST(FileDescriptorDevice, TransfersOfEveryShapeReachTheFile) {
+  TempDir dir;
+  const std::string path = dir.file("card.img");
+  writeFile(path, std::string(64 * 1024, '\0'));
+  {
+    const auto device = FileDescriptorDevice::openImage(path, 512);
+    const Bytes big = counting(16 * 1024, 7);
+    device->write(8192, big);                 // aligned offset, vector memory
+    device->write(512, filled(512, 0x11));    // one 512-byte block
+    device->write(1536, filled(1024, 0x22));  // inside one 4096-byte page
+    device->write(3584, filled(1024, 0x33));  // 3584..4607 straddles 4096
+    device->synchronize();
+    EXPECT_EQ(device->read(8192, 16 * 1024), big);
+    EXPECT_EQ(device->read(8193, 5), Bytes(big.begin() + 1, big.begin() + 6));
+    EXPECT_EQ(device->read(512, 512), filled(512, 0x11));
+    EXPECT_EQ(device->read(3584, 1024), filled(1024, 0x33));
+  }
+  FileSource check(path);
+  EXPECT_EQ(check.read(512, 512), filled(512, 0x11));
+  EXPECT_EQ(check.read(1536, 1024), filled(1024, 0x22));
+  EXPECT_EQ(check.read(3584, 1024), filled(1024, 0x33));
+  EXPECT_EQ(check.read(8192 + 100, 3), (Bytes{107, 108, 109}));
+  EXPECT_EQ(check.size(), 64u * 1024);
+}
+
+TEST(FileDescriptorDevice, WriteOutOfRangeIsRefusedBeforeTouchingTheFile) {
+  TempDir dir;
+  writeFile(dir.file("card.img"), std::string(4096, '\0'));
+  const auto device = FileDescriptorDevice::openImage(dir.file("card.img"), 512);
+  EXPECT_EQ(writeErrorOf([&] { device->write(4096, filled(512, 1)); }),
+            WriteError::outOfRange(4096, 512, 4096));
+  EXPECT_EQ(std::filesystem::file_size(dir.file("card.img")), 4096u);
+}
+
+}  // namespace
+}  // namespace vellum
