@@ -1,0 +1,20 @@
+#pragma once
+
+#include <filesystem>
+
+namespace vellum {
+
+// Where the kernel and udev publish disk facts. The defaults are the live
+// system; tests point them at a fake tree in a temporary folder.
+struct SystemPaths {
+  std::filesystem::path sysRoot{"/sys"};
+  std::filesystem::path udevDataRoot{"/run/udev/data"};
+  std::filesystem::path mountInfo{"/proc/self/mountinfo"};
+  std::filesystem::path swaps{"/proc/swaps"};
+
+  // The paths of a fake tree: root/sys, root/run/udev/data,
+  // root/proc/self/mountinfo and root/proc/swaps.
+  static SystemPaths under(const std::filesystem::path& root);
+};
+
+}  // namespace vellum
