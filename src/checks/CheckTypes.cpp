@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <type_traits>
@@ -144,6 +145,14 @@ std::optional<SpeedClass> highestMet(double mbps) {
     if (minimumMBps(*it) <= mbps) return *it;
   }
   return std::nullopt;
+}
+
+double monotonicSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double secondsNow(const SecondsClock& clock) {
+  return clock ? clock() : monotonicSeconds();
 }
 
 std::uint64_t randomNonZeroSeed() {

@@ -101,6 +101,14 @@ std::string_view suitableFor(SpeedClass speedClass);
 // The highest class whose minimum the speed reaches; none below 2 MB/s.
 std::optional<SpeedClass> highestMet(double mbps);
 
+// Seconds on a monotonic clock. Runs that time transfers take one of these so
+// tests can control the speeds they measure; an empty one means
+// monotonicSeconds().
+using SecondsClock = std::function<double()>;
+double monotonicSeconds();
+// The clock's reading, or monotonicSeconds() when clock is empty.
+double secondsNow(const SecondsClock& clock);
+
 // Uniform in 1 ... 2^64 - 1 from the system's random source.
 std::uint64_t randomNonZeroSeed();
 

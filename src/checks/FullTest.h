@@ -15,6 +15,8 @@ namespace vellum {
 // verification run beside the transfers so the disk never waits for them.
 struct FullTest {
   std::int64_t chunkBytes = 8'388'608;
+  // Times the transfers; empty means the monotonic clock.
+  SecondsClock clock;
 
   struct Result {
     enum class Verdict { genuine, counterfeit, failing };

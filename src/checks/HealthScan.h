@@ -15,6 +15,8 @@ namespace vellum {
 struct HealthScan {
   std::int64_t chunkBytes = 8'388'608;
   double slowThreshold = 0.2;  // fraction of the median chunk speed
+  // Times the chunk reads; empty means the monotonic clock.
+  SecondsClock clock;
 
   struct Result {
     enum class Verdict { healthy, slowAreas, unreadableAreas };
