@@ -1,0 +1,152 @@
+#include "carve/CarveTypes.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+namespace vellum {
+namespace {
+
+struct CategoryNames {
+  FormatCategory category;
+  std::string_view raw;
+  std::string_view display;
+  std::string_view symbol;
+};
+
+constexpr std::array<CategoryNames, 6> categoryNames = {{
+    {FormatCategory::photos, "photos", "Photos", "photo"},
+    {FormatCategory::rawPhotos, "rawPhotos", "Camera RAW", "camera.aperture"},
+    {FormatCategory::video, "video", "Video", "film"},
+    {FormatCategory::audio, "audio", "Audio", "waveform"},
+    {FormatCategory::documents, "documents", "Documents", "doc.text"},
+    {FormatCategory::archives, "archives", "Archives", "shippingbox"},
+}};
+
+const CategoryNames& namesOf(FormatCategory category) {
+  return categoryNames[static_cast<std::size_t>(category)];
+}
+
+std::string describe(const CarveError::Case& errorCase) {
+  if (const auto* c = std::get_if<CarveError::OutputNotWritable>(&errorCase))
+    return "Cannot write to output folder " + c->path + ".";
+  return "The selected source reports a size of zero bytes.";
+}
+
+}  // namespace
+
+std::string_view toString(FormatCategory category) {
+  return namesOf(category).raw;
+}
+std::string_view displayName(FormatCategory category) {
+  return namesOf(category).display;
+}
+std::string_view symbolName(FormatCategory category) {
+  return namesOf(category).symbol;
+}
+
+std::optional<FormatCategory> formatCategoryFromString(std::string_view raw) {
+  for (const CategoryNames& names : categoryNames)
+    if (names.raw == raw) return names.category;
+  return std::nullopt;
+}
+
+std::string_view toString(CarveConfidence confidence) {
+  return confidence == CarveConfidence::exact ? "exact" : "heuristic";
+}
+
+std::optional<CarveConfidence> carveConfidenceFromString(std::string_view raw) {
+  if (raw == "exact") return CarveConfidence::exact;
+  if (raw == "heuristic") return CarveConfidence::heuristic;
+  return std::nullopt;
+}
+
+std::string CarvedFile::digestHead(std::span<const std::uint8_t> data) {
+  std::uint64_t value = 0xCBF29CE484222325ULL;
+  for (std::uint8_t b : data) {
+    value ^= b;
+    value *= 0x100000001B3ULL;
+  }
+  char text[17];
+  std::snprintf(text, sizeof text, "%llX", static_cast<unsigned long long>(value));
+  return text;
+}
+
+std::map<std::string, std::int64_t> CarveReport::countsByExt() const {
+  std::map<std::string, std::int64_t> counts;
+  for (const CarvedFile& file : files)
+    ++counts[file.ext];
+  return counts;
+}
+
+void to_json(nlohmann::json& j, const CarvedFile& file) {
+  j = nlohmann::json{{"start", file.start},
+                     {"length", file.length},
+                     {"ext", file.ext},
+                     {"category", toString(file.category)},
+                     {"confidence", toString(file.confidence)}};
+  if (file.outputPath) j["outputPath"] = *file.outputPath;
+  if (file.headDigest) j["headDigest"] = *file.headDigest;
+}
+
+void from_json(const nlohmann::json& j, CarvedFile& file) {
+  using nlohmann::json;
+  file.start = j.at("start").get<std::uint64_t>();
+  file.length = j.at("length").get<std::uint64_t>();
+  file.ext = j.at("ext").get<std::string>();
+  const auto category = formatCategoryFromString(j.at("category").get<std::string>());
+  if (!category)
+    throw json::other_error::create(501, "unknown category " + j.at("category").dump(), &j);
+  file.category = *category;
+  const auto confidence = carveConfidenceFromString(j.at("confidence").get<std::string>());
+  if (!confidence)
+    throw json::other_error::create(501, "unknown confidence " + j.at("confidence").dump(), &j);
+  file.confidence = *confidence;
+  file.outputPath.reset();
+  file.headDigest.reset();
+  if (j.contains("outputPath")) file.outputPath = j.at("outputPath").get<std::string>();
+  if (j.contains("headDigest")) file.headDigest = j.at("headDigest").get<std::string>();
+}
+
+void to_json(nlohmann::json& j, const CarveReport& report) {
+  j = nlohmann::json{{"sourceDescription", report.sourceDescription},
+                     {"totalBytes", report.totalBytes},
+                     {"scannedBytes", report.scannedBytes},
+                     {"duration", report.duration},
+                     {"badReads", report.badReads},
+                     {"cancelled", report.cancelled},
+                     {"files", report.files}};
+}
+
+void from_json(const nlohmann::json& j, CarveReport& report) {
+  report.sourceDescription = j.at("sourceDescription").get<std::string>();
+  report.totalBytes = j.at("totalBytes").get<std::uint64_t>();
+  report.scannedBytes = j.at("scannedBytes").get<std::uint64_t>();
+  report.duration = j.at("duration").get<double>();
+  report.badReads = j.at("badReads").get<std::int64_t>();
+  report.cancelled = j.at("cancelled").get<bool>();
+  report.files = j.at("files").get<std::vector<CarvedFile>>();
+}
+
+// nlohmann::json keeps object keys in a std::map, so dump() sorts them.
+std::string encodeReportJson(const CarveReport& report) {
+  return nlohmann::json(report).dump(2) + "\n";
+}
+
+CarveReport decodeReportJson(std::string_view text) {
+  return nlohmann::json::parse(text).get<CarveReport>();
+}
+
+std::string encodeFilesJson(std::span<const CarvedFile> files) {
+  nlohmann::json array = nlohmann::json::array();
+  for (const CarvedFile& file : files)
+    array.push_back(file);
+  return array.dump(2) + "\n";
+}
+
+std::vector<CarvedFile> decodeFilesJson(std::string_view text) {
+  return nlohmann::json::parse(text).get<std::vector<CarvedFile>>();
+}
+
+CarveError::CarveError(Case errorCase) : ErrorOf(errorCase, describe(errorCase)) {}
+
+}  // namespace vellum
