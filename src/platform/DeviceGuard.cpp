@@ -1,0 +1,152 @@
+#include "platform/DeviceGuard.h"
+
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <regex>
+
+#include "devices/WriteError.h"
+#include "platform/DiskFacts.h"
+#include "platform/Process.h"
+
+namespace vellum {
+namespace {
+
+// Kernel names as they appear in /sys/block: no path, only name characters.
+bool isPlainName(const std::string& name) {
+  static const std::regex plain("^[A-Za-z0-9_.:-]+$");
+  return name != "." && name != ".." && std::regex_match(name, plain);
+}
+
+// Partition names by the kernel's naming scheme, so sdb1 is refused as a
+// partition even after the card is gone.
+bool looksLikePartition(const std::string& name) {
+  static const std::regex partition(
+      "^((sd|vd|hd|xvd)[a-z]+[0-9]+|(mmcblk|loop|nbd|md|nvme[0-9]+n)[0-9]+p[0-9]+)$");
+  return std::regex_match(name, partition);
+}
+
+bool diskImagesAllowed() {
+  const char* value = std::getenv("VL_ALLOW_DISK_IMAGES");
+  return value != nullptr && std::string(value) == "1";
+}
+
+std::string joined(const std::vector<std::string>& items) {
+  std::string text;
+  for (const std::string& item : items) {
+    if (!text.empty()) text += ", ";
+    text += item;
+  }
+  return text;
+}
+
+std::size_t depth(const std::string& mountPoint) {
+  return static_cast<std::size_t>(std::count(mountPoint.begin(), mountPoint.end(), '/'));
+}
+
+}  // namespace
+
+DiskIdentity DeviceGuard::inspect(const std::string& deviceIdentifier, Allowance allowance,
+                                  const SystemPaths& paths) {
+  const std::string& name = deviceIdentifier;
+  const DiskFactsReader reader(paths);
+  if (!isPlainName(name) || looksLikePartition(name)) {
+    throw WriteError::refused("Only whole disks (like sdb or mmcblk0) can be tested, not " + name +
+                              ".");
+  }
+  const std::optional<DiskFacts> facts = reader.facts(name);
+  if (!facts) throw WriteError::refused(name + " wasn't found. Was the card removed?");
+  const std::uint64_t sizeBytes = facts->sizeBytes;
+  const std::int64_t blockSize = facts->deviceBlockSize;
+  if (!facts->wholeDisk) throw WriteError::refused(name + " is a partition, not a whole disk.");
+  if (facts->internal && !facts->removableMedia) {
+    throw WriteError::refused(name +
+                              " is an internal disk. Vellum only writes to memory cards and "
+                              "external drives.");
+  }
+  if (facts->virtualOrPhysical == "Virtual" &&
+      !(facts->busProtocol == "Disk Image" && diskImagesAllowed())) {
+    throw WriteError::refused(name + " is a virtual disk, not a card.");
+  }
+  if (sizeBytes == 0) {
+    throw WriteError::refused(name + " reports a size of zero. Try reinserting the card.");
+  }
+  checkSize(sizeBytes, name, allowance);
+  if (facts->osInternalMedia || facts->systemImage) {
+    throw WriteError::refused(name + " holds a system volume. Vellum won't write to it.");
+  }
+  if (facts->readOnly) {
+    throw WriteError::refused(name +
+                              " is write-protected. Slide the card's lock switch off and insert "
+                              "it again.");
+  }
+  return DiskIdentity{
+      name,     sizeBytes, blockSize, facts->mediaName, facts->busProtocol, facts->deviceTreePath,
+      allowance};
+}
+
+void DeviceGuard::revalidate(const DiskIdentity& identity, const SystemPaths& paths) {
+  const DiskIdentity fresh = inspect(identity.deviceIdentifier, identity.allowance, paths);
+  if (fresh != identity) {
+    throw WriteError::refused("The disk at " + identity.deviceIdentifier +
+                              " changed since you selected it. Nothing was written. Select the "
+                              "card again.");
+  }
+}
+
+void DeviceGuard::unmountAll(const DiskIdentity& identity, const SystemPaths& paths) {
+  const std::string& name = identity.deviceIdentifier;
+  const DiskFactsReader reader(paths);
+  if (::geteuid() == 0) {
+    // Deepest first, so a file system mounted inside another goes before it;
+    // later entries first among equals, since they are stacked on top.
+    std::vector<std::string> points = reader.mountPoints(name);
+    std::reverse(points.begin(), points.end());
+    std::stable_sort(points.begin(), points.end(), [](const std::string& a, const std::string& b) {
+      return depth(a) > depth(b);
+    });
+    for (const std::string& point : points) {
+      // Never MNT_DETACH: a lazily detached file system may still be writing
+      // to the card while we overwrite it. NOFOLLOW: the path is taken as the
+      // mount table states it, never through a link put there meanwhile.
+      ::umount2(point.c_str(), UMOUNT_NOFOLLOW);
+    }
+  } else {
+    for (const VolumeFacts& volume : reader.volumes(name)) {
+      if (volume.mountPoints.empty()) continue;
+      // udisks asks polkit, so an ordinary desktop user may unmount the
+      // card's volumes; its exit status is not trusted, the table is.
+      runProcess({"udisksctl", "unmount", "--no-user-interaction", "-b", "/dev/" + volume.name});
+    }
+  }
+  const std::vector<std::string> remaining = reader.mountPoints(name);
+  if (!remaining.empty()) {
+    throw WriteError::refused("Couldn't unmount " + joined(remaining) +
+                              ". Close any apps using the card and try again.");
+  }
+}
+
+std::vector<std::string> DeviceGuard::mountedVolumes(const std::string& deviceIdentifier,
+                                                     const SystemPaths& paths) {
+  return DiskFactsReader(paths).mountPoints(deviceIdentifier);
+}
+
+void DeviceGuard::checkSize(std::uint64_t size, const std::string& name, Allowance allowance) {
+  if (allowance == Allowance::standard && size > maximumSize) {
+    throw WriteError::refused(name +
+                              " reports more than 4 TB. Vellum only erases drives that size after "
+                              "a Quick Check shows the capacity is fake. Run a Quick Check first.");
+  }
+  if (allowance == Allowance::claimedCapacity && size > maximumClaimedSize) {
+    throw WriteError::refused(name + " reports more than 64 TB. Vellum won't write to it.");
+  }
+}
+
+bool DeviceGuard::hostsSystemVolume(const std::string& deviceIdentifier, const SystemPaths& paths) {
+  const std::optional<DiskFacts> facts = DiskFactsReader(paths).facts(deviceIdentifier);
+  return facts && (facts->osInternalMedia || facts->systemImage);
+}
+
+}  // namespace vellum

@@ -1,0 +1,72 @@
+#include "platform/DiskEnumerator.h"
+
+#include <sys/stat.h>
+
+#include "bytes/Error.h"
+#include "platform/DeviceGuard.h"
+
+namespace vellum {
+
+std::vector<ExternalDisk> DiskEnumerator::externalDisks(bool includeDiskImages,
+                                                        const SystemPaths& paths) {
+  std::vector<ExternalDisk> disks;
+  const DiskFactsReader reader(paths);
+  for (const std::string& name : reader.diskNames()) {
+    const std::optional<DiskFacts> facts = reader.facts(name);
+    if (!facts || facts->hidden || facts->sizeBytes == 0) continue;
+    // "Physical only" unless images are wanted: virtual disks never listed.
+    if (!includeDiskImages && facts->virtualOrPhysical == "Virtual") continue;
+    if (!isMemoryCardLike(*facts, includeDiskImages)) continue;
+    disks.push_back(
+        ExternalDisk{name, facts->mediaName, facts->sizeBytes, volumeNames(reader.volumes(name))});
+  }
+  return disks;
+}
+
+bool DiskEnumerator::isMemoryCardLike(const DiskFacts& info, bool allowDiskImages) {
+  if (info.busProtocol == "Disk Image") return allowDiskImages;
+  if (info.virtualOrPhysical == "Virtual") return false;
+  if (info.osInternalMedia || info.systemImage) return false;
+  const bool removable =
+      info.removableMedia || (info.removableMediaOrExternalDevice && info.ejectable);
+  // A built-in card reader reports its cards as internal but removable.
+  return !info.internal || removable;
+}
+
+std::optional<DiskEnumerator::WholeDisk> DiskEnumerator::wholeDisk(
+    const std::filesystem::path& forVolume, const SystemPaths& paths) {
+  struct stat st {};
+  if (::stat(forVolume.c_str(), &st) != 0) return std::nullopt;
+  const DiskFactsReader reader(paths);
+  const std::optional<std::string> name = reader.wholeDiskName(DeviceNumber::fromDev(st.st_dev));
+  if (!name) return std::nullopt;
+  const std::optional<DiskFacts> facts = reader.facts(*name);
+  return WholeDisk{*name, "/dev/" + *name, facts ? facts->sizeBytes : 0};
+}
+
+bool DiskEnumerator::unmountDisk(const std::string& deviceIdentifier, const SystemPaths& paths) {
+  try {
+    DiskIdentity identity;
+    identity.deviceIdentifier = deviceIdentifier;
+    DeviceGuard::unmountAll(identity, paths);
+    return true;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
+std::vector<std::string> DiskEnumerator::volumeNames(const std::vector<VolumeFacts>& volumes) {
+  std::vector<std::string> names;
+  for (const VolumeFacts& volume : volumes) {
+    if (!volume.label.empty()) {
+      names.push_back(volume.label);
+    } else if (!volume.mountPoints.empty()) {
+      const std::string last =
+          std::filesystem::path(volume.mountPoints.front()).filename().string();
+      if (!last.empty()) names.push_back(last);
+    }
+  }
+  return names;
+}
+
+}  // namespace vellum
