@@ -1,0 +1,167 @@
+// vellum-authopen: opens one whole-disk block device and passes the open
+// descriptor back over the Unix socket on its standard output. It runs as root
+// through pkexec, so it trusts nothing it is given: only absolute paths that
+// resolve to a whole-disk node directly under /dev are opened, the node must
+// be the very device sysfs names, and writable opens are always exclusive.
+// It runs no other program and passes exactly one descriptor or none.
+//
+// Usage: vellum-authopen -stdoutpipe [-o FLAGS] PATH
+//   FLAGS is the decimal open() flags; without it the device is opened
+//   read-only.
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr int kRefused = 1;
+constexpr int kUsage = 64;
+
+// Flags a caller may ask for. Everything that could create, truncate or reach
+// something other than the device itself (O_CREAT, O_TRUNC, O_PATH,
+// O_DIRECTORY, O_TMPFILE, ...) is refused.
+constexpr int kAllowedFlags = O_ACCMODE | O_EXCL | O_CLOEXEC | O_DIRECT | O_SYNC | O_DSYNC |
+                              O_NOFOLLOW | O_NONBLOCK | O_NOATIME | O_LARGEFILE;
+
+int refuse(const std::string& why) {
+  std::fprintf(stderr, "vellum-authopen: %s\n", why.c_str());
+  return kRefused;
+}
+
+std::optional<int> parseFlags(std::string_view text) {
+  if (text.empty() || text.size() > 10) return std::nullopt;
+  long long value = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    value = value * 10 + (c - '0');
+  }
+  if (value > INT_MAX) return std::nullopt;
+  return static_cast<int>(value);
+}
+
+bool isKernelName(std::string_view name) {
+  if (name.empty() || name.size() > 64 || name == "." || name == "..") return false;
+  for (const char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '_' || c == '-' || c == '.';
+    if (!ok) return false;
+  }
+  return true;
+}
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+// The "major:minor" that sysfs gives for a whole disk.
+std::optional<dev_t> sysfsDevice(const std::string& name) {
+  std::ifstream file("/sys/block/" + name + "/dev");
+  unsigned major = 0;
+  unsigned minor = 0;
+  char colon = 0;
+  if (!(file >> major >> colon >> minor) || colon != ':') return std::nullopt;
+  return makedev(major, minor);
+}
+
+bool standardOutputIsUnixSocket() {
+  struct stat status {};
+  if (::fstat(STDOUT_FILENO, &status) != 0 || !S_ISSOCK(status.st_mode)) return false;
+  int domain = 0;
+  socklen_t length = sizeof domain;
+  return ::getsockopt(STDOUT_FILENO, SOL_SOCKET, SO_DOMAIN, &domain, &length) == 0 &&
+         domain == AF_UNIX;
+}
+
+bool passDescriptor(int fd) {
+  char byte = 0;
+  iovec vector{&byte, 1};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+  msghdr message{};
+  message.msg_iov = &vector;
+  message.msg_iovlen = 1;
+  message.msg_control = control;
+  message.msg_controllen = sizeof control;
+  cmsghdr* header = CMSG_FIRSTHDR(&message);
+  header->cmsg_level = SOL_SOCKET;
+  header->cmsg_type = SCM_RIGHTS;
+  header->cmsg_len = CMSG_LEN(sizeof(int));
+  std::memcpy(CMSG_DATA(header), &fd, sizeof fd);
+  ssize_t sent = 0;
+  do {
+    sent = ::sendmsg(STDOUT_FILENO, &message, MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  return sent == 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::optional<int> flags = O_RDONLY;
+  std::string path;
+  if (argc == 3 && std::string_view(argv[1]) == "-stdoutpipe") {
+    path = argv[2];
+  } else if (argc == 5 && std::string_view(argv[1]) == "-stdoutpipe" &&
+             std::string_view(argv[2]) == "-o") {
+    flags = parseFlags(argv[3]);
+    path = argv[4];
+  } else {
+    std::fprintf(stderr, "usage: vellum-authopen -stdoutpipe [-o FLAGS] PATH\n");
+    return kUsage;
+  }
+  if (!standardOutputIsUnixSocket()) return refuse("standard output must be a Unix socket");
+  if (!flags || (*flags & ~kAllowedFlags) != 0 || (*flags & O_ACCMODE) == O_ACCMODE) {
+    return refuse("open flags not allowed");
+  }
+
+  // Resolve every symlink and "..", then insist on a node directly under /dev.
+  if (path.empty() || path.front() != '/') return refuse(path + ": not an absolute path");
+  char resolved[PATH_MAX] = {};
+  if (::realpath(path.c_str(), resolved) == nullptr) {
+    return refuse(path + ": " + std::strerror(errno));
+  }
+  const std::string_view real(resolved);
+  constexpr std::string_view kDev = "/dev/";
+  if (real.substr(0, kDev.size()) != kDev) return refuse(path + ": not a device under /dev");
+  const std::string name(real.substr(kDev.size()));
+  if (!isKernelName(name)) return refuse(path + ": not a whole disk");
+
+  // /sys/block lists whole disks only; a partition has a "partition" file.
+  if (!exists("/sys/block/" + name) || exists("/sys/block/" + name + "/partition")) {
+    return refuse(path + ": not a whole disk");
+  }
+  const std::optional<dev_t> device = sysfsDevice(name);
+  struct stat node {};
+  if (!device || ::lstat(resolved, &node) != 0 || !S_ISBLK(node.st_mode) ||
+      node.st_rdev != *device) {
+    return refuse(path + ": not the block device of disk " + name);
+  }
+
+  int openFlags = *flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+  // A writable open is always exclusive: nothing may mount the disk meanwhile.
+  if ((openFlags & O_ACCMODE) != O_RDONLY) openFlags |= O_EXCL;
+  const int fd = ::open(resolved, openFlags);
+  if (fd < 0) return refuse(path + ": " + std::strerror(errno));
+  // The node might have been replaced between the checks and the open.
+  struct stat opened {};
+  if (::fstat(fd, &opened) != 0 || !S_ISBLK(opened.st_mode) || opened.st_rdev != *device) {
+    ::close(fd);
+    return refuse(path + ": changed while being opened");
+  }
+  const bool passed = passDescriptor(fd);
+  ::close(fd);
+  return passed ? 0 : refuse("could not pass the descriptor");
+}
