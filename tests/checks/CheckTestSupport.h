@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "bytes/ByteSource.h"
+#include "checks/CheckTypes.h"
+#include "devices/SimulatedDevice.h"
+
+namespace vellum::testing {
+
+// Reproducible noise, so a restored card can be told from a zeroed one.
+inline Bytes noise(std::size_t count, std::uint32_t seed) {
+  std::mt19937 generator(seed);
+  Bytes bytes(count);
+  for (auto& byte : bytes)
+    byte = static_cast<std::uint8_t>(generator());
+  return bytes;
+}
+
+// Fills everything the card really stores with noise; returns the storage.
+inline Bytes fillWithNoise(SimulatedDevice& device, std::uint32_t seed = 1) {
+  const auto block = static_cast<std::uint64_t>(device.blockSize());
+  const std::uint64_t length = device.realCapacity() / block * block;
+  device.write(0, noise(static_cast<std::size_t>(length), seed));
+  return device.storage();
+}
+
+// A clock that only moves when a test moves it.
+struct FakeClock {
+  double now = 1000;
+  SecondsClock clock() {
+    return [this] { return now; };
+  }
+};
+
+// Records every progress report.
+struct ProgressLog {
+  std::vector<CheckProgress> reports;
+  ProgressCallback callback() {
+    return [this](const CheckProgress& progress) { reports.push_back(progress); };
+  }
+};
+
+}  // namespace vellum::testing
