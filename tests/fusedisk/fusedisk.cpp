@@ -1,0 +1,277 @@
+// vellum-fusedisk: serves one file, "disk", that behaves like a misbehaving
+// memory card, for tests to attach with losetup as a real block device.
+//
+//   vellum-fusedisk MOUNTPOINT --size BYTES [--real BYTES] [--overflow wrap|discard]
+//                   [--sector BYTES] [--bad FIRST[-LAST]]... [--bad-write FIRST[-LAST]]...
+//                   [--slow FIRST[-LAST]]... [--delay-ms N] [--backing FILE]
+//
+// --size is the capacity the disk reports; only --real bytes (default: all of
+// them) exist. Past that, writes wrap around to the start (a counterfeit card
+// reusing its flash) or are dropped and read as zeros (discard). --bad sectors
+// fail every read with EIO, --bad-write sectors fail writes; --slow sectors
+// answer after --delay-ms. Sectors count in --sector bytes (default 512).
+// Data lives in a sparse temporary file (or --backing FILE) of --real bytes.
+// Runs in the foreground until unmounted.
+
+#define FUSE_USE_VERSION 35
+#include <fcntl.h>
+#include <fuse3/fuse.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Range = std::pair<std::uint64_t, std::uint64_t>;  // first and last sector, inclusive
+
+struct Disk {
+  std::uint64_t size = 0;
+  std::uint64_t real = 0;
+  bool wrap = true;
+  std::uint64_t sector = 512;
+  std::vector<Range> badReads;
+  std::vector<Range> badWrites;
+  std::vector<Range> slow;
+  int delayMs = 0;
+  int backing = -1;
+};
+
+Disk disk;
+constexpr const char* kFileName = "/disk";
+
+bool touches(const std::vector<Range>& ranges, std::uint64_t offset, std::size_t length) {
+  if (length == 0) return false;
+  const std::uint64_t first = offset / disk.sector;
+  const std::uint64_t last = (offset + length - 1) / disk.sector;
+  return std::any_of(ranges.begin(), ranges.end(),
+                     [&](const Range& r) { return r.first <= last && first <= r.second; });
+}
+
+void maybeDelay(std::uint64_t offset, std::size_t length) {
+  if (disk.delayMs > 0 && touches(disk.slow, offset, length)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(disk.delayMs));
+  }
+}
+
+// Where a reported position really lives; absent when it does not (discard).
+std::optional<std::uint64_t> physical(std::uint64_t position) {
+  if (position < disk.real) return position;
+  if (!disk.wrap || disk.real == 0) return std::nullopt;
+  return position % disk.real;
+}
+
+// Splits [offset, offset + length) into pieces that stay within one stretch
+// of real storage and calls visit(piece offset in request, physical or none,
+// piece length). Returns a negative errno from visit, else 0.
+template <class Visit>
+int walk(std::uint64_t offset, std::size_t length, Visit visit) {
+  std::size_t done = 0;
+  while (done < length) {
+    const std::uint64_t position = offset + done;
+    const std::optional<std::uint64_t> where = physical(position);
+    std::size_t piece = length - done;
+    if (where) {
+      piece = static_cast<std::size_t>(std::min<std::uint64_t>(piece, disk.real - *where));
+    } else {
+      piece = static_cast<std::size_t>(std::min<std::uint64_t>(piece, disk.size - position));
+    }
+    if (const int error = visit(done, where, piece); error != 0) return error;
+    done += piece;
+  }
+  return 0;
+}
+
+int getattrOp(const char* path, struct stat* status, fuse_file_info*) {
+  std::memset(status, 0, sizeof *status);
+  if (std::strcmp(path, "/") == 0) {
+    status->st_mode = S_IFDIR | 0755;
+    status->st_nlink = 2;
+    return 0;
+  }
+  if (std::strcmp(path, kFileName) != 0) return -ENOENT;
+  status->st_mode = S_IFREG | 0600;
+  status->st_nlink = 1;
+  status->st_size = static_cast<off_t>(disk.size);
+  status->st_blksize = static_cast<blksize_t>(disk.sector);
+  return 0;
+}
+
+int readdirOp(const char* path, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_info*,
+              fuse_readdir_flags) {
+  if (std::strcmp(path, "/") != 0) return -ENOENT;
+  fill(buffer, ".", nullptr, 0, fuse_fill_dir_flags{});
+  fill(buffer, "..", nullptr, 0, fuse_fill_dir_flags{});
+  fill(buffer, kFileName + 1, nullptr, 0, fuse_fill_dir_flags{});
+  return 0;
+}
+
+int openOp(const char* path, fuse_file_info* info) {
+  if (std::strcmp(path, kFileName) != 0) return -ENOENT;
+  // No page cache in between: every request reaches this program as sent.
+  info->direct_io = 1;
+  info->keep_cache = 0;
+  return 0;
+}
+
+int readOp(const char*, char* out, std::size_t length, off_t start, fuse_file_info*) {
+  const auto offset = static_cast<std::uint64_t>(start);
+  if (offset >= disk.size) return 0;
+  length = static_cast<std::size_t>(std::min<std::uint64_t>(length, disk.size - offset));
+  maybeDelay(offset, length);
+  if (touches(disk.badReads, offset, length)) return -EIO;
+  const int error = walk(
+      offset, length, [&](std::size_t at, std::optional<std::uint64_t> where, std::size_t piece) {
+        if (!where) {
+          std::memset(out + at, 0, piece);
+          return 0;
+        }
+        std::size_t got = 0;
+        while (got < piece) {
+          const ssize_t n =
+              ::pread(disk.backing, out + at + got, piece - got, static_cast<off_t>(*where + got));
+          if (n < 0 && errno == EINTR) continue;
+          if (n < 0) return -errno;
+          if (n == 0) {  // past the end of a shorter backing file
+            std::memset(out + at + got, 0, piece - got);
+            break;
+          }
+          got += static_cast<std::size_t>(n);
+        }
+        return 0;
+      });
+  return error != 0 ? error : static_cast<int>(length);
+}
+
+int writeOp(const char*, const char* in, std::size_t length, off_t start, fuse_file_info*) {
+  const auto offset = static_cast<std::uint64_t>(start);
+  if (offset >= disk.size) return -ENOSPC;
+  length = static_cast<std::size_t>(std::min<std::uint64_t>(length, disk.size - offset));
+  maybeDelay(offset, length);
+  if (touches(disk.badWrites, offset, length)) return -EIO;
+  const int error = walk(
+      offset, length, [&](std::size_t at, std::optional<std::uint64_t> where, std::size_t piece) {
+        if (!where) return 0;  // dropped
+        std::size_t put = 0;
+        while (put < piece) {
+          const ssize_t n =
+              ::pwrite(disk.backing, in + at + put, piece - put, static_cast<off_t>(*where + put));
+          if (n < 0 && errno == EINTR) continue;
+          if (n <= 0) return n < 0 ? -errno : -EIO;
+          put += static_cast<std::size_t>(n);
+        }
+        return 0;
+      });
+  return error != 0 ? error : static_cast<int>(length);
+}
+
+int flushOp(const char*, fuse_file_info*) {
+  return 0;
+}
+int fsyncOp(const char*, int, fuse_file_info*) {
+  return 0;
+}
+
+std::optional<std::uint64_t> number(std::string_view text) {
+  if (text.empty()) return std::nullopt;
+  std::uint64_t value = 0;
+  for (const char c : text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    value = value * 10 + static_cast<std::uint64_t>(c - '0');
+  }
+  return value;
+}
+
+std::optional<Range> range(std::string_view text) {
+  const std::size_t dash = text.find('-');
+  const auto first = number(text.substr(0, dash));
+  const auto last = dash == std::string_view::npos ? first : number(text.substr(dash + 1));
+  if (!first || !last || *last < *first) return std::nullopt;
+  return Range{*first, *last};
+}
+
+int usage() {
+  std::fprintf(stderr,
+               "usage: vellum-fusedisk MOUNTPOINT --size BYTES [--real BYTES] "
+               "[--overflow wrap|discard] [--sector BYTES] [--bad FIRST[-LAST]]... "
+               "[--bad-write FIRST[-LAST]]... [--slow FIRST[-LAST]]... [--delay-ms N] "
+               "[--backing FILE]\n");
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return usage();
+  std::string mountPoint = argv[1];
+  std::string backingPath;
+  std::optional<std::uint64_t> real;
+  for (int i = 2; i < argc; ++i) {
+    const std::string_view option = argv[i];
+    if (i + 1 >= argc) return usage();
+    const std::string_view value = argv[++i];
+    if (option == "--size") {
+      disk.size = number(value).value_or(0);
+    } else if (option == "--real") {
+      real = number(value);
+      if (!real) return usage();
+    } else if (option == "--overflow" && (value == "wrap" || value == "discard")) {
+      disk.wrap = value == "wrap";
+    } else if (option == "--sector") {
+      disk.sector = number(value).value_or(0);
+    } else if (option == "--bad" || option == "--bad-write" || option == "--slow") {
+      const std::optional<Range> r = range(value);
+      if (!r) return usage();
+      (option == "--bad"    ? disk.badReads
+       : option == "--slow" ? disk.slow
+                            : disk.badWrites)
+          .push_back(*r);
+    } else if (option == "--delay-ms") {
+      disk.delayMs = static_cast<int>(number(value).value_or(0));
+    } else if (option == "--backing") {
+      backingPath = value;
+    } else {
+      return usage();
+    }
+  }
+  if (disk.size == 0 || disk.sector == 0) return usage();
+  disk.real = std::min(real.value_or(disk.size), disk.size);
+
+  disk.backing = backingPath.empty()
+                     ? ::open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600)
+                     : ::open(backingPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (disk.backing < 0 || ::ftruncate(disk.backing, static_cast<off_t>(disk.real)) != 0) {
+    std::perror("vellum-fusedisk: backing file");
+    return 1;
+  }
+
+  fuse_operations operations{};
+  operations.getattr = getattrOp;
+  operations.readdir = readdirOp;
+  operations.open = openOp;
+  operations.read = readOp;
+  operations.write = writeOp;
+  operations.flush = flushOp;
+  operations.fsync = fsyncOp;
+
+  // Foreground, single-threaded; unmounted automatically if this program dies.
+  std::string program = argv[0];
+  std::string foreground = "-f";
+  std::string single = "-s";
+  std::string optionFlag = "-o";
+  std::string mountOptions = "auto_unmount,fsname=vellum-fusedisk";
+  std::vector<char*> fuseArgs{program.data(),    foreground.data(),   single.data(),
+                              optionFlag.data(), mountOptions.data(), mountPoint.data()};
+  return fuse_main(static_cast<int>(fuseArgs.size()), fuseArgs.data(), &operations, nullptr);
+}
