@@ -26,6 +26,16 @@ const CategoryNames& namesOf(FormatCategory category) {
   return categoryNames[static_cast<std::size_t>(category)];
 }
 
+// Sizes and offsets must be whole non-negative numbers; a plain get<> would
+// wrap -1 around.
+std::uint64_t unsignedField(const nlohmann::json& j, const char* key) {
+  const nlohmann::json& value = j.at(key);
+  if (!value.is_number_unsigned())
+    throw nlohmann::json::type_error::create(
+        302, std::string(key) + " must be a non-negative integer", &j);
+  return value.get<std::uint64_t>();
+}
+
 std::string describe(const CarveError::Case& errorCase) {
   if (const auto* c = std::get_if<CarveError::OutputNotWritable>(&errorCase))
     return "Cannot write to output folder " + c->path + ".";
@@ -90,8 +100,8 @@ void to_json(nlohmann::json& j, const CarvedFile& file) {
 
 void from_json(const nlohmann::json& j, CarvedFile& file) {
   using nlohmann::json;
-  file.start = j.at("start").get<std::uint64_t>();
-  file.length = j.at("length").get<std::uint64_t>();
+  file.start = unsignedField(j, "start");
+  file.length = unsignedField(j, "length");
   file.ext = j.at("ext").get<std::string>();
   const auto category = formatCategoryFromString(j.at("category").get<std::string>());
   if (!category)
@@ -119,8 +129,8 @@ void to_json(nlohmann::json& j, const CarveReport& report) {
 
 void from_json(const nlohmann::json& j, CarveReport& report) {
   report.sourceDescription = j.at("sourceDescription").get<std::string>();
-  report.totalBytes = j.at("totalBytes").get<std::uint64_t>();
-  report.scannedBytes = j.at("scannedBytes").get<std::uint64_t>();
+  report.totalBytes = unsignedField(j, "totalBytes");
+  report.scannedBytes = unsignedField(j, "scannedBytes");
   report.duration = j.at("duration").get<double>();
   report.badReads = j.at("badReads").get<std::int64_t>();
   report.cancelled = j.at("cancelled").get<bool>();

@@ -152,7 +152,7 @@ std::optional<std::uint64_t> ReadContext::findLast(std::span<const std::uint8_t>
       const std::uint64_t absolute = position + *hit;
       if (absolute >= searchEnd) break;
       last = absolute;
-      searchEnd = std::min(end, saturatingAdd(absolute + pattern.size(), *slack));
+      searchEnd = std::min(end, saturatingAdd(absolute + pattern.size(), saturatingAdd(*slack, 1)));
       index = *hit + 1;
     }
     if (block.size() < blockSize) break;

@@ -53,7 +53,8 @@ class ReadContext {
 
   // Without slack: the last occurrence starting in [from, min(from + limit,
   // size())). With slack: walks forward from the first hit, and after each hit
-  // keeps looking up to slack bytes past that hit's end; the last hit reached
+  // keeps looking for a hit that begins at most slack bytes past that hit's
+  // end; the last hit reached
   // this way is returned. Callers use it to find a format's final end marker
   // when a file holds several, without running into the next file.
   std::optional<std::uint64_t> findLast(std::span<const std::uint8_t> pattern, std::uint64_t from,
