@@ -1,0 +1,262 @@
+#include "platform/DiskFormatter.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
+#include "bytes/Checked.h"
+#include "bytes/DeviceError.h"
+#include "bytes/FileSource.h"
+#include "devices/WriteError.h"
+#include "platform/DeviceGuard.h"
+#include "platform/DiskFacts.h"
+#include "platform/Process.h"
+
+namespace vellum {
+namespace {
+
+constexpr std::uint64_t kKiB = 1024;
+constexpr std::uint64_t kMiB = 1024 * kKiB;
+constexpr std::uint64_t kGiB = 1024 * kMiB;
+
+// FAT32 needs at least 65,525 clusters; 32 KiB clusters reach that from about
+// 2.1 GiB. Below, mkfs.fat picks a smaller cluster itself.
+constexpr std::uint64_t kFat32Cluster = 32 * kKiB;
+constexpr std::uint64_t kFat32MinimumClusters = 65'536;
+
+// mkfs.fat's guess of the FAT size may change with the reserved count it is
+// given; a few rounds settle it.
+constexpr int kFatAlignmentRounds = 4;
+
+std::string trimmed(std::string_view text) {
+  constexpr std::string_view kSpace = " \t\r\n\v\f";
+  const auto first = text.find_first_not_of(kSpace);
+  if (first == std::string_view::npos) return {};
+  return std::string(text.substr(first, text.find_last_not_of(kSpace) - first + 1));
+}
+
+std::uint32_t littleEndian(std::span<const std::uint8_t> bytes, std::size_t at, std::size_t width) {
+  std::uint32_t value = 0;
+  for (std::size_t i = 0; i < width; ++i)
+    value |= std::uint32_t{bytes[at + i]} << (8 * i);
+  return value;
+}
+
+// The programs, looked up once.
+struct Tools {
+  std::optional<std::string> sfdisk = findProgram("sfdisk");
+  std::optional<std::string> partx = findProgram("partx");
+  std::optional<std::string> mkfsFat = findProgram("mkfs.fat");
+  std::optional<std::string> mkfsExfat = findProgram("mkfs.exfat");
+
+  static const Tools& get() {
+    static const Tools tools;
+    return tools;
+  }
+};
+
+// Runs one step; a step that exits non-zero ends the format with its own
+// error text (the tools print their banners on standard output).
+void runStep(std::vector<std::string> argv, const std::optional<std::string>& program,
+             const std::string& input = {}) {
+  if (!program) throw ProcessError::cannotStart(argv.front(), ENOENT);
+  argv.front() = *program;
+  const ProcessResult result = runProcess(argv, input, {{"LC_ALL", "C"}});
+  if (!result.status.succeeded()) {
+    throw WriteError::refused("Formatting failed: " + trimmed(result.standardError));
+  }
+}
+
+// The kernel learns of the new partition from partx; its node appears a moment
+// later (devtmpfs, then udev).
+std::string waitForFirstPartition(const std::string& diskName, const SystemPaths& paths) {
+  const DiskFactsReader reader(paths);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  for (;;) {
+    for (const VolumeFacts& volume : reader.volumes(diskName)) {
+      if (volume.partitionNumber != 1) continue;
+      const std::string path = "/dev/" + volume.name;
+      struct stat status {};
+      if (::stat(path.c_str(), &status) == 0 && S_ISBLK(status.st_mode) &&
+          DeviceNumber::fromDev(status.st_rdev) == volume.device) {
+        return path;
+      }
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      throw WriteError::refused("Formatting failed: the new partition of " + diskName +
+                                " did not appear.");
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
+std::optional<FatGeometry> readFatGeometry(const std::string& partitionPath) {
+  try {
+    FileSource source(partitionPath);
+    const Bytes sector = source.read(0, 512);
+    return DiskFormatter::parseFatBootSector(sector);
+  } catch (const DeviceError&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+FileSystem DiskFormatter::recommended(std::uint64_t forSize) {
+  return forSize > sizeThreshold ? FileSystem::exfat : FileSystem::fat32;
+}
+
+std::string DiskFormatter::sanitizedName(std::string_view name) {
+  std::string result;
+  for (const char c : name) {
+    if (result.size() == maximumNameLength) break;
+    // Only ASCII letters change case; bytes of other characters never match
+    // the allowed set and are dropped.
+    const char upper = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
+    if (allowedNameCharacters.find(upper) != std::string_view::npos) result += upper;
+  }
+  return result.empty() ? std::string(defaultName) : result;
+}
+
+FormatLayout DiskFormatter::layout(FileSystem fileSystem, std::uint64_t diskBytes) {
+  FormatLayout result;
+  result.fileSystem = fileSystem;
+  std::uint64_t exfatCluster = 0;
+  if (diskBytes <= 32 * kGiB) {
+    result.alignmentBytes = 4 * kMiB;
+    exfatCluster = 32 * kKiB;
+  } else if (diskBytes <= 128 * kGiB) {
+    result.alignmentBytes = 16 * kMiB;
+    exfatCluster = 128 * kKiB;
+  } else if (diskBytes <= 512 * kGiB) {
+    result.alignmentBytes = 32 * kMiB;
+    exfatCluster = 256 * kKiB;
+  } else {
+    result.alignmentBytes = 64 * kMiB;
+    exfatCluster = 512 * kKiB;
+  }
+  if (fileSystem == FileSystem::exfat) {
+    result.clusterBytes = exfatCluster;
+    result.partitionType = 0x07;
+  } else {
+    const std::uint64_t partitionBytes =
+        diskBytes > result.alignmentBytes ? diskBytes - result.alignmentBytes : 0;
+    result.clusterBytes =
+        partitionBytes / kFat32Cluster >= kFat32MinimumClusters ? kFat32Cluster : 0;
+    result.partitionType = 0x0C;
+  }
+  return result;
+}
+
+std::string DiskFormatter::partitionScript(const FormatLayout& layout, std::int64_t sectorSize) {
+  VL_PRECONDITION(sectorSize >= 1);
+  static constexpr char kHex[] = "0123456789abcdef";
+  const std::uint64_t startSector = layout.alignmentBytes / static_cast<std::uint64_t>(sectorSize);
+  std::string type{kHex[layout.partitionType >> 4], kHex[layout.partitionType & 0x0F]};
+  return "label: dos\nstart=" + std::to_string(startSector) + ", type=" + type + "\n";
+}
+
+std::vector<std::string> DiskFormatter::makeFileSystemArguments(const FormatLayout& layout,
+                                                                const std::string& label,
+                                                                const std::string& partitionPath,
+                                                                std::int64_t sectorSize,
+                                                                std::uint32_t reservedSectors) {
+  VL_PRECONDITION(sectorSize >= 1);
+  if (layout.fileSystem == FileSystem::exfat) {
+    return {"mkfs.exfat",
+            "-L",
+            label,
+            "-c",
+            std::to_string(layout.clusterBytes),
+            "-b",
+            std::to_string(layout.alignmentBytes),
+            partitionPath};
+  }
+  std::vector<std::string> argv{"mkfs.fat", "-F", "32"};
+  const auto sector = static_cast<std::uint64_t>(sectorSize);
+  if (layout.clusterBytes != 0 && layout.clusterBytes >= sector) {
+    // -s counts logical sectors, so a 4096-byte-sector disk gets -s 8.
+    argv.insert(argv.end(), {"-s", std::to_string(layout.clusterBytes / sector)});
+  }
+  if (reservedSectors != 0) argv.insert(argv.end(), {"-R", std::to_string(reservedSectors)});
+  argv.insert(argv.end(), {"-n", label, partitionPath});
+  return argv;
+}
+
+std::optional<FatGeometry> DiskFormatter::parseFatBootSector(std::span<const std::uint8_t> sector) {
+  if (sector.size() < 512 || sector[510] != 0x55 || sector[511] != 0xAA) return std::nullopt;
+  FatGeometry geometry;
+  geometry.bytesPerSector = littleEndian(sector, 11, 2);
+  geometry.reservedSectors = littleEndian(sector, 14, 2);
+  geometry.fatCount = sector[16];
+  const std::uint32_t rootEntries = littleEndian(sector, 17, 2);
+  const std::uint32_t sectorsPerFat16 = littleEndian(sector, 22, 2);
+  geometry.sectorsPerFat = littleEndian(sector, 36, 4);
+  // FAT32: no fixed root directory and the 16-bit FAT size left at zero.
+  const bool powerOfTwo = geometry.bytesPerSector != 0 &&
+                          (geometry.bytesPerSector & (geometry.bytesPerSector - 1)) == 0;
+  if (!powerOfTwo || geometry.bytesPerSector < 512 || rootEntries != 0 || sectorsPerFat16 != 0 ||
+      geometry.fatCount == 0 || geometry.sectorsPerFat == 0 || geometry.reservedSectors == 0) {
+    return std::nullopt;
+  }
+  return geometry;
+}
+
+std::uint32_t DiskFormatter::alignedReservedSectors(const FatGeometry& geometry,
+                                                    std::uint64_t alignmentBytes) {
+  VL_PRECONDITION(geometry.bytesPerSector > 0 && alignmentBytes % geometry.bytesPerSector == 0);
+  const std::uint64_t alignment = alignmentBytes / geometry.bytesPerSector;
+  const std::uint64_t fats = std::uint64_t{geometry.fatCount} * geometry.sectorsPerFat;
+  constexpr std::uint64_t kMinimumReserved = 32;
+  // The smallest aligned data start that leaves room for 32 reserved sectors.
+  const std::uint64_t dataStart =
+      checkedAdd(fats + kMinimumReserved, alignment - 1) / alignment * alignment;
+  const std::uint64_t reserved = dataStart - fats;
+  VL_PRECONDITION(reserved <= 0xFFFF);
+  return static_cast<std::uint32_t>(reserved);
+}
+
+void DiskFormatter::format(const DiskIdentity& identity, FileSystem as, std::string_view name,
+                           const SystemPaths& paths) {
+  DeviceGuard::revalidate(identity, paths);
+  // Nothing on Linux unmounts for us; the guard judges by the mount table.
+  DeviceGuard::unmountAll(identity, paths);
+
+  const Tools& tools = Tools::get();
+  const std::string label = sanitizedName(name);
+  const std::string disk = identity.devicePath();
+  const FormatLayout plan = layout(as, identity.sizeBytes);
+
+  // --lock keeps udev and others off the disk while the table changes; the
+  // wipes clear old file-system signatures so nothing recognises stale data.
+  // The kernel hears of the partition from partx below.
+  runStep({"sfdisk", "--lock", "--wipe", "always", "--wipe-partitions", "always",
+           "--no-tell-kernel", disk},
+          tools.sfdisk, partitionScript(plan, identity.blockSize));
+  runStep({"partx", "--update", disk}, tools.partx);
+  const std::string partition = waitForFirstPartition(identity.deviceIdentifier, paths);
+
+  const auto run = [&](std::uint32_t reserved) {
+    std::vector<std::string> argv =
+        makeFileSystemArguments(plan, label, partition, identity.blockSize, reserved);
+    runStep(argv, as == FileSystem::exfat ? tools.mkfsExfat : tools.mkfsFat);
+  };
+  if (as == FileSystem::exfat) {
+    // mkfs.exfat aligns the FAT and the cluster heap to the boundary itself.
+    run(0);
+    return;
+  }
+  // mkfs.fat only aligns the data area to a cluster; put it on the boundary by
+  // choosing the reserved area's size for the FAT size mkfs.fat settles on.
+  std::uint32_t reserved = 0;
+  for (int round = 0; round < kFatAlignmentRounds; ++round) {
+    run(reserved);
+    const std::optional<FatGeometry> geometry = readFatGeometry(partition);
+    if (!geometry || geometry->dataAreaOffset() % plan.alignmentBytes == 0) return;
+    reserved = alignedReservedSectors(*geometry, plan.alignmentBytes);
+  }
+}
+
+}  // namespace vellum
