@@ -1,0 +1,103 @@
+#include "Cli.h"
+
+#include <cstdio>
+#include <iostream>
+
+#include "Commands.h"
+#include "Options.h"
+#include "checks/CheckTypes.h"
+
+namespace vellum::cli {
+namespace {
+
+const Command kCommands[] = {
+    {"quick", "quick TARGET [--json]",
+     "Quick Check: is the capacity real? Keeps your files (about a minute).", runQuick},
+    {"full", "full TARGET [--confirm WORD] [--json]",
+     "Full Test: writes and verifies every block and rates the speed. Erases everything.", runFull},
+    {"health", "health TARGET [--json]",
+     "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth},
+    {"image", "image SOURCE DEST", "Saves a byte-for-byte backup image of SOURCE to DEST.",
+     runImage},
+};
+
+void printUsage(std::FILE* out) {
+  std::fprintf(out,
+               "Usage: vellum-check COMMAND [ARGUMENTS]\n"
+               "\n"
+               "Tells whether a memory card or USB drive is genuine, fast and healthy.\n"
+               "\n"
+               "Commands:\n");
+  for (const Command& command : kCommands) {
+    std::fprintf(out, "  vellum-check %.*s\n      %.*s\n", static_cast<int>(command.usage.size()),
+                 command.usage.data(), static_cast<int>(command.summary.size()),
+                 command.summary.data());
+  }
+  std::fprintf(out,
+               "\n"
+               "TARGET is demo:genuine, demo:fake, demo:failing (cards simulated in memory)\n"
+               "or the path of a disk image file.\n"
+               "\n"
+               "Exit status: 0 good verdict, 1 bad verdict, 2 usage error, 3 could not run,\n"
+               "130 stopped.\n"
+               "\n"
+               "Examples:\n"
+               "  vellum-check quick demo:fake\n"
+               "  vellum-check full card.img --confirm erase --json\n"
+               "  vellum-check image demo:genuine backup.img\n");
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& arguments) {
+  if (arguments.empty()) {
+    printUsage(stderr);
+    return kUsage;
+  }
+  const std::string& name = arguments.front();
+  if (name == "--help" || name == "-h" || name == "help") {
+    printUsage(stdout);
+    return kGoodVerdict;
+  }
+  if (name == "--version") {
+    std::printf("vellum-check %s\n", VELLUM_VERSION);
+    return kGoodVerdict;
+  }
+  for (const Command& command : kCommands) {
+    if (command.name != name) continue;
+    const std::vector<std::string> words(arguments.begin() + 1, arguments.end());
+    for (const std::string& word : words) {
+      if (word == "--help" || word == "-h") {
+        std::printf("Usage: vellum-check %.*s\n%.*s\n", static_cast<int>(command.usage.size()),
+                    command.usage.data(), static_cast<int>(command.summary.size()),
+                    command.summary.data());
+        return kGoodVerdict;
+      }
+    }
+    try {
+      return command.run(words);
+    } catch (const UsageError& error) {
+      std::fprintf(stderr, "vellum-check %s: %s\nUsage: vellum-check %.*s\n", name.c_str(),
+                   error.what(), static_cast<int>(command.usage.size()), command.usage.data());
+      return kUsage;
+    } catch (const CheckError& error) {
+      if (error.is<CheckError::Cancelled>()) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return kCancelled;
+      }
+      std::fprintf(stderr, "vellum-check: %s\n", error.what());
+      return kCouldNotRun;
+    } catch (const Error& error) {
+      std::fprintf(stderr, "vellum-check: %s\n", error.what());
+      return kCouldNotRun;
+    } catch (const std::bad_alloc&) {
+      std::fprintf(stderr, "vellum-check: not enough memory.\n");
+      return kCouldNotRun;
+    }
+  }
+  std::fprintf(stderr, "vellum-check: unknown command %s. Run vellum-check --help for usage.\n",
+               name.c_str());
+  return kUsage;
+}
+
+}  // namespace vellum::cli

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vellum::cli {
+
+// One subcommand: its name, a usage line for --help, and what runs it. run
+// receives the words after the command name and returns the exit code; it may
+// throw UsageError or any vellum::Error (reported by the dispatcher).
+struct Command {
+  std::string_view name;
+  std::string_view usage;
+  std::string_view summary;
+  int (*run)(const std::vector<std::string>& words);
+};
+
+int runQuick(const std::vector<std::string>& words);
+int runFull(const std::vector<std::string>& words);
+int runHealth(const std::vector<std::string>& words);
+int runImage(const std::vector<std::string>& words);
+
+// Prints a JSON value as one line on stdout.
+void printJson(const nlohmann::json& value);
+
+// Asks for (or checks --confirm against) the word that allows erasing.
+// Returns false when the user did not confirm; prints why.
+bool confirmErase(const std::string& what, const std::string& word,
+                  const std::optional<std::string>& given);
+
+}  // namespace vellum::cli
