@@ -18,6 +18,8 @@ namespace {
 
 using Properties = std::map<std::string, std::string, std::less<>>;
 
+constexpr unsigned kLoopMajor = 7;
+
 std::string trimmed(std::string_view text) {
   const auto first = text.find_first_not_of(" \t\r\n");
   if (first == std::string_view::npos) return {};
@@ -214,8 +216,11 @@ std::optional<DiskFacts> DiskFactsReader::facts(const std::string& name) const {
   facts.wholeDisk = !located->partition && pathExists(paths_.sysRoot / "block" / name);
 
   const AncestorFacts ancestors = ancestorFacts(located->diskDir, devicesRoot);
-  const bool isLoop = pathExists(located->diskDir / "loop/backing_file");
-  facts.busProtocol = isLoop ? "Disk Image" : busProtocolOf(ancestors);
+  const bool isImage = pathExists(located->diskDir / "loop/backing_file");
+  // Loop devices keep their node when detached; they are still no internal
+  // disk, but without a backing file no longer a disk image either.
+  const bool isLoop = diskDevice && diskDevice->major == kLoopMajor;
+  facts.busProtocol = isImage ? "Disk Image" : busProtocolOf(ancestors);
   facts.virtualOrPhysical =
       isUnder(located->diskDir, devicesRoot / "virtual") ? "Virtual" : "Physical";
 
@@ -225,7 +230,7 @@ std::optional<DiskFacts> DiskFactsReader::facts(const std::string& name) const {
       removable || isSdSlot(diskName, located->diskDir) || udevSaysFlashCard(udev);
   // A disk image is backed by a file, not built into the machine: it is kept
   // out as a virtual disk (unless images are allowed), not as an internal one.
-  facts.internal = !ancestors.external && !isLoop;
+  facts.internal = !ancestors.external && !isLoop && !isImage;
   facts.removableMediaOrExternalDevice = facts.removableMedia || ancestors.external;
   facts.ejectable = removable;
 
