@@ -70,12 +70,12 @@ class FuseDisk {
 
   struct Options {
     std::uint64_t size = 0;
-    std::optional<std::uint64_t> realCapacity;
+    std::optional<std::uint64_t> realCapacity = std::nullopt;
     bool wrap = true;  // false: writes past the real capacity are dropped
     std::uint64_t sectorSize = 512;
-    std::vector<Sectors> unreadable;
-    std::vector<Sectors> unwritable;
-    std::vector<Sectors> slow;
+    std::vector<Sectors> unreadable = {};
+    std::vector<Sectors> unwritable = {};
+    std::vector<Sectors> slow = {};
     int delayMs = 0;
   };
 
