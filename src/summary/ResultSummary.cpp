@@ -1,5 +1,8 @@
 #include "summary/ResultSummary.h"
 
+#include <string>
+#include <utility>
+
 #include "bytes/Checked.h"
 #include "bytes/Precondition.h"
 #include "summary/TextFormat.h"
