@@ -15,6 +15,13 @@ bool headUnchanged(const CarvedFile& file, ByteSource& source) {
   return CarvedFile::digestHead(head) == *file.headDigest;
 }
 
+// A copy that failed half-way is ours (it was created exclusively); leaving
+// it would save a file under a name that does not fit its bytes.
+void removePartial(const std::filesystem::path& path) {
+  std::error_code ignored;
+  std::filesystem::remove(path, ignored);
+}
+
 // Copies the file under the first free name: f<sector>.ext, f<sector>-1.ext, ...
 std::filesystem::path copyOut(const CarvedFile& file, ByteSource& source,
                               const std::filesystem::path& folder) {
@@ -37,6 +44,10 @@ std::filesystem::path copyOut(const CarvedFile& file, ByteSource& source,
     } catch (const std::filesystem::filesystem_error& error) {
       // Taken by someone else between the check and the create: try the next name.
       if (error.code() == std::errc::file_exists) continue;
+      removePartial(path);
+      throw;
+    } catch (...) {
+      removePartial(path);
       throw;
     }
   }
@@ -71,7 +82,6 @@ CarveExporter::Result CarveExporter::exportFiles(
       saved.outputPath = copyOut(file, source, folder).string();
       result.saved.push_back(std::move(saved));
     } catch (const std::exception&) {
-      // A partial copy stays on disk under its own name; it is listed as failed.
       result.failed.push_back(file);
     }
   }
