@@ -130,19 +130,19 @@ class ZipWalk {
     if (position >= limit_) return std::nullopt;
     furthest_ = std::max(furthest_, position);
     const auto signature = context_.u32(position, false);
-    if (!signature) return std::nullopt;
+    if (!signature) return cutShort();
     switch (*signature) {
       case sig::localFile:
         return localFile(position);
       case sig::centralFile: {
         const Bytes h = context_.bytes(position, centralHeaderSize);
-        if (h.size() < centralHeaderSize) return std::nullopt;
+        if (h.size() < centralHeaderSize) return cutShort();
         noteName(position + centralHeaderSize, le(h, 28, 2));
         return within(position, centralHeaderSize + le(h, 28, 2) + le(h, 30, 2) + le(h, 32, 2));
       }
       case sig::end: {
         const auto comment = context_.u16(position + 20, false);
-        if (!comment) return std::nullopt;
+        if (!comment) return cutShort();
         end = position + endRecordSize + *comment;
         return end;
       }
@@ -155,17 +155,23 @@ class ZipWalk {
         return within(position, 20);
       case sig::digitalSignature: {
         const auto size = context_.u16(position + 4, false);
-        if (!size) return std::nullopt;
+        if (!size) return cutShort();
         return within(position, 6 + std::uint64_t{*size});
       }
       case sig::archiveExtra: {
         const auto size = context_.u32(position + 4, false);
-        if (!size) return std::nullopt;
+        if (!size) return cutShort();
         return within(position, 8 + std::uint64_t{*size});
       }
       default:
         return std::nullopt;
     }
+  }
+
+  // A record that the source's end cuts short: the file runs to that end.
+  std::optional<std::uint64_t> cutShort() {
+    furthest_ = std::max(furthest_, limit_);
+    return std::nullopt;
   }
 
   // position + length when that stays inside the limit.
@@ -179,7 +185,7 @@ class ZipWalk {
 
   std::optional<std::uint64_t> localFile(std::uint64_t position) {
     const Bytes h = context_.bytes(position, localHeaderSize);
-    if (h.size() < localHeaderSize) return std::nullopt;
+    if (h.size() < localHeaderSize) return cutShort();
     const std::uint64_t flags = le(h, 6, 2);
     const std::uint64_t method = le(h, 8, 2);
     std::uint64_t packed = le(h, 18, 4);
@@ -280,9 +286,16 @@ class ZipWalk {
       if (r.size() < endRecordSize || le(r, 0, 4) != sig::end) return std::nullopt;
       const std::uint64_t directorySize = le(r, 12, 4);
       const std::uint64_t directoryOffset = le(r, 16, 4);
-      const bool zip64 = directoryOffset == unknown32 || directorySize == unknown32;
-      if (zip64) {
-        if (at < 20 || context_.u32(at - 20, false) != sig::zip64Locator) return std::nullopt;
+      if (directoryOffset == unknown32 || directorySize == unknown32) {
+        // ZIP64: the locator right before names the ZIP64 end record, which
+        // must follow the directory it describes.
+        if (at < start_ + 20 || context_.u32(at - 20, false) != sig::zip64Locator)
+          return std::nullopt;
+        const auto record = context_.u64(at - 12, false);
+        if (!record || *record > at - start_ - 20) return std::nullopt;
+        const Bytes z = context_.bytes(start_ + *record, 56);
+        if (z.size() < 56 || le(z, 0, 4) != sig::zip64End) return std::nullopt;
+        if (le(z, 48, 8) > *record || le(z, 40, 8) != *record - le(z, 48, 8)) return std::nullopt;
       } else if (start_ + directoryOffset + directorySize != at) {
         return std::nullopt;
       }
