@@ -70,16 +70,20 @@ TEST(Ole2Carver, BoundsTheFileByWhatItsTableAddresses) {
 
 TEST(Ole2Carver, CapsTheLengthAt256MiBAndAtTheSourcesEnd) {
   // 4096-byte sectors and 65,536 table sectors could address 256 GiB.
-  Bytes image = filler(2000, 0);
-  place(image, 1000, compoundFile(12, 65'536));
-  image.resize(300'000'000, 0);
-  EXPECT_EQ(carveBytes(carver(), image, 1000),
-            heuristicMatch(268'435'456, "ole", FormatCategory::documents));
   const Bytes header = compoundFile(12, 65'536);
-  const std::size_t start = image.size() - 1000;
-  place(image, start, cut(header, 1000));
-  EXPECT_EQ(carveBytes(carver(), image, start),
-            heuristicMatch(1000, "ole", FormatCategory::documents));
+  {
+    SparseSource source(300'000'000, {{1000, header}});
+    ReadContext context(source);
+    EXPECT_EQ(carver().carve(1000, context),
+              heuristicMatch(268'435'456, "ole", FormatCategory::documents));
+  }
+  {
+    const std::uint64_t start = 300'000'000 - 1000;
+    SparseSource source(300'000'000, {{start, cut(header, 1000)}});
+    ReadContext context(source);
+    EXPECT_EQ(carver().carve(start, context),
+              heuristicMatch(1000, "ole", FormatCategory::documents));
+  }
   // A header cut before the table count gives nothing.
   EXPECT_EQ(carveBytes(carver(), cut(header, 40)), std::nullopt);
 }

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <string>
 
@@ -145,30 +144,6 @@ TEST(PdfCarver, RejectsWhatIsNotAWholePdf) {
     EXPECT_EQ(carveBytes(carver(), bytes), std::nullopt);
   }
 }
-
-// A large source of zeros with a few patches, read without holding it all.
-class SparseSource final : public ByteSource {
- public:
-  SparseSource(std::uint64_t size, std::map<std::uint64_t, Bytes> patches)
-      : size_(size), patches_(std::move(patches)) {}
-  std::uint64_t size() const override { return size_; }
-  std::int64_t badReads() const override { return 0; }
-  std::string descriptionForReport() const override { return "sparse"; }
-  std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override {
-    if (offset >= size_) return 0;
-    const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(out.size(), size_ - offset));
-    std::memset(out.data(), 0, n);
-    for (const auto& [at, bytes] : patches_) {
-      for (std::size_t i = 0; i < bytes.size(); ++i)
-        if (at + i >= offset && at + i < offset + n) out[at + i - offset] = bytes[i];
-    }
-    return n;
-  }
-
- private:
-  std::uint64_t size_;
-  std::map<std::uint64_t, Bytes> patches_;
-};
 
 TEST(PdfCarver, LooksForTheMarkerWithin256MiB) {
   constexpr std::uint64_t bound = 268'435'456;
