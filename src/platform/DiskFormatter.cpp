@@ -1,14 +1,16 @@
 #include "platform/DiskFormatter.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <thread>
 
 #include "bytes/Checked.h"
-#include "bytes/DeviceError.h"
-#include "bytes/FileSource.h"
+#include "bytes/PositionedIo.h"
+#include "bytes/UniqueFd.h"
 #include "devices/WriteError.h"
 #include "platform/DeviceGuard.h"
 #include "platform/DiskFacts.h"
@@ -93,13 +95,10 @@ std::string waitForFirstPartition(const std::string& diskName, const SystemPaths
 }
 
 std::optional<FatGeometry> readFatGeometry(const std::string& partitionPath) {
-  try {
-    FileSource source(partitionPath);
-    const Bytes sector = source.read(0, 512);
-    return DiskFormatter::parseFatBootSector(sector);
-  } catch (const DeviceError&) {
-    return std::nullopt;
-  }
+  UniqueFd fd(::open(partitionPath.c_str(), O_RDONLY | O_CLOEXEC));
+  std::array<std::uint8_t, 512> sector{};
+  if (!fd || preadFully(fd.get(), 0, sector).done != sector.size()) return std::nullopt;
+  return DiskFormatter::parseFatBootSector(sector);
 }
 
 }  // namespace

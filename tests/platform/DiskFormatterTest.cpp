@@ -1,0 +1,292 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <regex>
+#include <sstream>
+
+#include "DiskFixtures.h"
+#include "Machine.h"
+#include "bytes/FileSource.h"
+#include "devices/WriteError.h"
+#include "platform/DeviceGuard.h"
+#include "platform/DiskFormatter.h"
+#include "platform/Process.h"
+#include "support/TempDir.h"
+
+namespace vellum {
+namespace {
+
+constexpr std::uint64_t kMiB = 1 << 20;
+constexpr std::uint64_t kGiB = 1 << 30;
+
+TEST(DiskFormatter, RecommendsExfatOnlyAbove32Gigabytes) {
+  EXPECT_EQ(DiskFormatter::recommended(0), FileSystem::fat32);
+  EXPECT_EQ(DiskFormatter::recommended(32'000'000'000), FileSystem::fat32);
+  EXPECT_EQ(DiskFormatter::recommended(32'000'000'001), FileSystem::exfat);
+  EXPECT_EQ(DiskFormatter::recommended(2'000'000'000'000), FileSystem::exfat);
+}
+
+TEST(DiskFormatter, SanitizesNamesForEveryCamera) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"my card 2024", "MYCARD2024"},
+      {"Holiday-Photos-2024", "HOLIDAYPHOT"},
+      {"---", "UNTITLED"},
+      {"", "UNTITLED"},
+      {"\xC3\xA9t\xC3\xA9", "T"},  // été: only the plain letter survives
+      {"ABCDEFGHIJK", "ABCDEFGHIJK"},
+      {"ABCDEFGHIJKL", "ABCDEFGHIJK"},
+      {"a_b.c", "A_BC"},
+      {"\xF0\x9F\x93\xB7 cam", "CAM"},  // emoji dropped
+      {"  x  y  ", "XY"},
+  };
+  for (const auto& [name, expected] : cases) {
+    EXPECT_EQ(DiskFormatter::sanitizedName(name), expected) << name;
+  }
+}
+
+TEST(DiskFormatter, LayoutFollowsTheCapacityAndKeepsTheChosenFileSystem) {
+  struct Case {
+    FileSystem fileSystem;
+    std::uint64_t diskBytes;
+    FormatLayout expected;
+  };
+  const FileSystem fat = FileSystem::fat32;
+  const FileSystem ex = FileSystem::exfat;
+  const Case cases[] = {
+      // Small FAT32 volumes leave the cluster to mkfs.fat; 32 KiB from ~2.1 GiB.
+      {fat, 256 * kMiB, {fat, 0, 4 * kMiB, 0x0C}},
+      {fat, 2 * kGiB, {fat, 0, 4 * kMiB, 0x0C}},
+      {fat, 2 * kGiB + 4 * kMiB, {fat, 32768, 4 * kMiB, 0x0C}},
+      {fat, 4 * kGiB, {fat, 32768, 4 * kMiB, 0x0C}},
+      {fat, 32 * kGiB, {fat, 32768, 4 * kMiB, 0x0C}},
+      {fat, 64 * kGiB, {fat, 32768, 16 * kMiB, 0x0C}},
+      {ex, 256 * kMiB, {ex, 32768, 4 * kMiB, 0x07}},
+      {ex, 32 * kGiB, {ex, 32768, 4 * kMiB, 0x07}},
+      {ex, 32 * kGiB + 1, {ex, 131072, 16 * kMiB, 0x07}},
+      {ex, 128 * kGiB, {ex, 131072, 16 * kMiB, 0x07}},
+      {ex, 128 * kGiB + 1, {ex, 262144, 32 * kMiB, 0x07}},
+      {ex, 512 * kGiB, {ex, 262144, 32 * kMiB, 0x07}},
+      {ex, 512 * kGiB + 1, {ex, 524288, 64 * kMiB, 0x07}},
+      {ex, 2048 * kGiB, {ex, 524288, 64 * kMiB, 0x07}},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(DiskFormatter::layout(c.fileSystem, c.diskBytes), c.expected)
+        << displayName(c.fileSystem) << " on " << c.diskBytes;
+  }
+}
+
+TEST(DiskFormatter, BuildsPartitionScriptAndFileSystemArguments) {
+  const FormatLayout fat{FileSystem::fat32, 32768, 4 * kMiB, 0x0C};
+  const FormatLayout ex{FileSystem::exfat, 131072, 16 * kMiB, 0x07};
+  EXPECT_EQ(DiskFormatter::partitionScript(fat, 512), "label: dos\nstart=8192, type=0c\n");
+  EXPECT_EQ(DiskFormatter::partitionScript(ex, 4096), "label: dos\nstart=4096, type=07\n");
+
+  using Args = std::vector<std::string>;
+  EXPECT_EQ(DiskFormatter::makeFileSystemArguments(fat, "CARD", "/dev/sdb1", 512, 6144),
+            (Args{"mkfs.fat", "-F", "32", "-s", "64", "-R", "6144", "-n", "CARD", "/dev/sdb1"}));
+  // -s counts logical sectors.
+  EXPECT_EQ(DiskFormatter::makeFileSystemArguments(fat, "CARD", "/dev/sdb1", 4096, 0),
+            (Args{"mkfs.fat", "-F", "32", "-s", "8", "-n", "CARD", "/dev/sdb1"}));
+  const FormatLayout smallFat{FileSystem::fat32, 0, 4 * kMiB, 0x0C};
+  EXPECT_EQ(DiskFormatter::makeFileSystemArguments(smallFat, "UNTITLED", "/dev/mmcblk0p1", 512, 0),
+            (Args{"mkfs.fat", "-F", "32", "-n", "UNTITLED", "/dev/mmcblk0p1"}));
+  EXPECT_EQ(DiskFormatter::makeFileSystemArguments(ex, "CARD", "/dev/sdb1", 512, 0),
+            (Args{"mkfs.exfat", "-L", "CARD", "-c", "131072", "-b", "16777216", "/dev/sdb1"}));
+}
+
+Bytes fatBootSector(std::uint16_t bytesPerSector, std::uint16_t reserved, std::uint8_t fats,
+                    std::uint32_t sectorsPerFat) {
+  Bytes sector(512, 0);
+  const auto put = [&](std::size_t at, std::uint32_t value, std::size_t width) {
+    for (std::size_t i = 0; i < width; ++i)
+      sector[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
+  };
+  put(11, bytesPerSector, 2);
+  put(14, reserved, 2);
+  put(16, fats, 1);
+  put(36, sectorsPerFat, 4);
+  sector[510] = 0x55;
+  sector[511] = 0xAA;
+  return sector;
+}
+
+TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
+  const Bytes good = fatBootSector(512, 64, 2, 1024);
+  const std::optional<FatGeometry> geometry = DiskFormatter::parseFatBootSector(good);
+  ASSERT_TRUE(geometry);
+  EXPECT_EQ(*geometry, (FatGeometry{512, 64, 2, 1024}));
+  EXPECT_EQ(geometry->dataAreaOffset(), (64u + 2 * 1024) * 512);
+
+  Bytes unsigned_ = good;
+  unsigned_[511] = 0;
+  Bytes fat16 = good;
+  fat16[17] = 0x00;
+  fat16[18] = 0x02;  // 512 root entries: a FAT12/16 volume
+  Bytes oddSector = fatBootSector(500, 64, 2, 1024);
+  Bytes noFats = fatBootSector(512, 64, 0, 1024);
+  for (const Bytes* bad : {&unsigned_, &fat16, &oddSector, &noFats}) {
+    EXPECT_FALSE(DiskFormatter::parseFatBootSector(*bad));
+  }
+  EXPECT_FALSE(DiskFormatter::parseFatBootSector(Bytes(100, 0)));
+
+  struct Case {
+    FatGeometry geometry;
+    std::uint64_t alignment;
+    std::uint32_t reserved;
+  };
+  const Case cases[] = {
+      {{512, 64, 2, 1024}, 4 * kMiB, 8192 - 2048},
+      // Exactly on the boundary would leave no reserved sectors: take the next.
+      {{512, 32, 2, 4096}, 4 * kMiB, 8192},
+      // 8192 - 8180 would leave 12 reserved sectors, too few for FAT32.
+      {{512, 32, 2, 4090}, 4 * kMiB, 16384 - 8180},
+      {{4096, 32, 2, 100}, 16 * kMiB, 4096 - 200},
+  };
+  for (const Case& c : cases) {
+    const std::uint32_t reserved = DiskFormatter::alignedReservedSectors(c.geometry, c.alignment);
+    EXPECT_EQ(reserved, c.reserved) << c.geometry.sectorsPerFat;
+    FatGeometry aligned = c.geometry;
+    aligned.reservedSectors = reserved;
+    EXPECT_EQ(aligned.dataAreaOffset() % c.alignment, 0u) << c.geometry.sectorsPerFat;
+  }
+}
+
+// --- On loop devices ---
+
+std::map<std::string, std::string> blkid(const std::string& path) {
+  const ProcessResult result = runProcess({"blkid", "-p", "-o", "export", path});
+  std::map<std::string, std::string> values;
+  std::istringstream lines(result.standardOutput);
+  for (std::string line; std::getline(lines, line);) {
+    const auto equals = line.find('=');
+    if (equals != std::string::npos) values[line.substr(0, equals)] = line.substr(equals + 1);
+  }
+  return values;
+}
+
+// The number captured by pattern in a fsck or dump report.
+std::uint64_t reportNumber(const std::string& text, const std::string& pattern) {
+  std::smatch match;
+  if (!std::regex_search(text, match, std::regex(pattern))) {
+    ADD_FAILURE() << "no match for " << pattern << " in\n" << text;
+    return 0;
+  }
+  return std::stoull(match[1].str());
+}
+
+struct FormatCase {
+  std::uint64_t diskBytes;
+  FileSystem fileSystem;
+  std::uint64_t partitionStart;  // bytes
+  std::uint64_t cluster;         // bytes; 0: whatever mkfs.fat chose
+  std::uint64_t alignment;
+};
+
+class FormatOnLoopDevice : public ::testing::TestWithParam<FormatCase> {};
+
+TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
+  VL_REQUIRE_LOOP_DEVICES();
+  const FormatCase& c = GetParam();
+  const bool fat = c.fileSystem == FileSystem::fat32;
+  for (const char* tool : {"sfdisk", "partx", "blkid", fat ? "fsck.fat" : "fsck.exfat",
+                           fat ? "mkfs.fat" : "dump.exfat"}) {
+    if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
+  }
+  testing::TempDir dir;
+  const std::string image = dir.file("card.img");
+  testing::createSparseFile(image, c.diskBytes);
+  testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
+  testing::LoopDevice loop(image);
+  const DiskIdentity identity = DeviceGuard::inspect(loop.name(), Allowance::standard);
+
+  DiskFormatter::format(identity, c.fileSystem, "My Card!");
+
+  const std::string partition = loop.path() + "p1";
+  EXPECT_EQ(blkid(loop.path())["PTTYPE"], "dos");
+  std::map<std::string, std::string> probe = blkid(partition);
+  EXPECT_EQ(probe["TYPE"], fat ? "vfat" : "exfat");
+  EXPECT_EQ(probe["LABEL"], "MYCARD");
+  EXPECT_EQ(probe["PART_ENTRY_TYPE"], fat ? "0xc" : "0x7");
+  EXPECT_EQ(probe["PART_ENTRY_NUMBER"], "1");
+  EXPECT_EQ(probe["PART_ENTRY_OFFSET"], std::to_string(c.partitionStart / 512));
+  EXPECT_EQ(probe["PART_ENTRY_SIZE"], std::to_string((c.diskBytes - c.partitionStart) / 512));
+
+  if (fat) {
+    const ProcessResult check = runProcess({"fsck.fat", "-n", "-v", partition});
+    EXPECT_TRUE(check.status.succeeded()) << check.standardOutput << check.standardError;
+    const std::uint64_t dataStart =
+        reportNumber(check.standardOutput, R"(Data area starts at byte (\d+))");
+    EXPECT_EQ((c.partitionStart + dataStart) % c.alignment, 0u) << dataStart;
+    if (c.cluster != 0) {
+      EXPECT_EQ(reportNumber(check.standardOutput, R"((\d+) bytes per cluster)"), c.cluster);
+    }
+  } else {
+    const ProcessResult check = runProcess({"fsck.exfat", "-n", partition});
+    EXPECT_TRUE(check.status.succeeded()) << check.standardOutput << check.standardError;
+    const ProcessResult dump = runProcess({"dump.exfat", partition});
+    ASSERT_TRUE(dump.status.succeeded()) << dump.standardError;
+    EXPECT_EQ(reportNumber(dump.standardOutput, R"(Cluster size:\s+(\d+))"), c.cluster);
+    const std::uint64_t sectorBits =
+        reportNumber(dump.standardOutput, R"(Sector Size Bits:\s+(\d+))");
+    const std::uint64_t heap =
+        reportNumber(dump.standardOutput, R"(Cluster Heap Offset \(sector offset\):\s+(\d+))")
+        << sectorBits;
+    EXPECT_EQ((c.partitionStart + heap) % c.alignment, 0u) << heap;
+    EXPECT_NE(dump.standardOutput.find("Volume label: \t\t\t\tMYCARD"), std::string::npos);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    SdCardSizes, FormatOnLoopDevice,
+    ::testing::Values(FormatCase{256 * kMiB, FileSystem::fat32, 4 * kMiB, 0, 4 * kMiB},
+                      FormatCase{256 * kMiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB},
+                      FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4 * kMiB},
+                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB},
+                      FormatCase{64 * kGiB, FileSystem::fat32, 16 * kMiB, 32768, 16 * kMiB},
+                      FormatCase{64 * kGiB, FileSystem::exfat, 16 * kMiB, 131072, 16 * kMiB}),
+    [](const ::testing::TestParamInfo<FormatCase>& param) {
+      return std::to_string(param.param.diskBytes / kMiB) + "MiB_" +
+             std::string(displayName(param.param.fileSystem));
+    });
+
+TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
+  VL_REQUIRE_LOOP_DEVICES();
+  if (!findProgram("sfdisk")) GTEST_SKIP() << "needs sfdisk";
+  testing::TempDir dir;
+  testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
+
+  // 3 MiB cannot hold a partition starting at 4 MiB: sfdisk says why.
+  const std::string tiny = dir.file("tiny.img");
+  testing::createSparseFile(tiny, 3 * kMiB);
+  testing::LoopDevice tinyLoop(tiny);
+  try {
+    DiskFormatter::format(DeviceGuard::inspect(tinyLoop.name(), Allowance::standard),
+                          FileSystem::fat32, "x");
+    FAIL() << "formatted 3 MiB";
+  } catch (const WriteError& error) {
+    ASSERT_TRUE(error.is<WriteError::Refused>());
+    EXPECT_EQ(error.description(),
+              "Formatting failed: Start sector 8192 out of range.\n"
+              "Failed to add #1 partition: Numerical result out of range");
+  }
+
+  // A card swapped after selection: the guard's message, and the disk keeps
+  // what it had (no tool ran).
+  const std::string image = dir.file("card.img");
+  testing::writeFile(image, std::string(8 * kMiB, 'K'));
+  testing::LoopDevice loop(image);
+  DiskIdentity identity = DeviceGuard::inspect(loop.name(), Allowance::standard);
+  identity.mediaName = "Another Card";
+  try {
+    DiskFormatter::format(identity, FileSystem::exfat, "x");
+    FAIL() << "formatted a swapped card";
+  } catch (const WriteError& error) {
+    EXPECT_EQ(error.description(), "The disk at " + loop.name() +
+                                       " changed since you selected it. Nothing was written. "
+                                       "Select the card again.");
+  }
+  EXPECT_EQ(FileSource(image).read(0, 8 * kMiB), Bytes(8 * kMiB, 'K'));
+}
+
+}  // namespace
+}  // namespace vellum
