@@ -36,7 +36,10 @@ void prepareOutputDirectory(const std::filesystem::path& dir) {
 }
 
 std::string carvedFileName(std::uint64_t start, std::string_view ext) {
-  return "f" + std::to_string(start / sectorSize) + "." + std::string(ext);
+  // Built by appending: GCC 12 at -O3 warns falsely on chained operator+ here.
+  std::string name = "f";
+  name.append(std::to_string(start / sectorSize)).append(".").append(ext);
+  return name;
 }
 
 std::string carvedFolderName(std::string_view ext) {

@@ -22,19 +22,26 @@ void removePartial(const std::filesystem::path& path) {
   std::filesystem::remove(path, ignored);
 }
 
+// f<sector>.ext for the first try, f<sector>-<counter>.ext after it.
+std::string exportName(const CarvedFile& file, std::uint64_t counter) {
+  std::string name = carvedFileName(file.start, file.ext);
+  if (counter > 0) {
+    const std::size_t dot = name.size() - file.ext.size() - 1;
+    name.insert(dot, std::to_string(counter)).insert(dot, 1, '-');
+  }
+  return name;
+}
+
 // Copies the file under the first free name: f<sector>.ext, f<sector>-1.ext, ...
 std::filesystem::path copyOut(const CarvedFile& file, ByteSource& source,
                               const std::filesystem::path& folder) {
   const std::filesystem::path subFolder = folder / carvedFolderName(file.ext);
   std::filesystem::create_directories(subFolder);
-  const std::string base = "f" + std::to_string(file.start / 512);
   const carve_detail::PieceReader reader = [&](std::uint64_t offset, std::span<std::uint8_t> out) {
     return source.readInto(file.start + offset, out);
   };
   for (std::uint64_t counter = 0;; ++counter) {
-    const std::string name = counter == 0 ? base + "." + file.ext
-                                          : base + "-" + std::to_string(counter) + "." + file.ext;
-    const std::filesystem::path path = subFolder / name;
+    const std::filesystem::path path = subFolder / exportName(file, counter);
     if (std::filesystem::exists(path)) continue;
     try {
       if (carve_detail::copyToFile(path, file.length, true, reader) ==
