@@ -5,6 +5,7 @@
 //   read-only  passes a read-only descriptor whatever was asked
 //   two        passes two descriptors in one message
 //   data-only  sends the data byte without a descriptor
+//   stdin      passes its standard input, which the test opened beforehand
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -43,6 +44,10 @@ int main(int argc, char** argv) {
   const char* path = argv[argc - 1];
   if (mode == "nothing") return 0;
   if (mode == "data-only") return send(nullptr, 0);
+  if (mode == "stdin") {
+    const int in = STDIN_FILENO;
+    return send(&in, 1);
+  }
   const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 1;
   if (mode == "read-only") return send(&fd, 1);

@@ -1,12 +1,15 @@
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 
 #include "DiskFixtures.h"
 #include "Machine.h"
@@ -197,6 +200,79 @@ TEST(AuthOpenClient, CountsOnlyExactlyOneDescriptorAsAnswer) {
       requestDescriptor(AuthOpenCommand::direct(dir.file("no-such-helper")), file, std::nullopt);
   EXPECT_EQ(missing.systemError, ENOENT);
   EXPECT_FALSE(missing.fd.valid());
+}
+
+// Runs body in a child process that has dropped root for nobody, so that
+// opening a disk is refused as it is for an ordinary user. The child's exit
+// code is body's result (0: success).
+int asNobody(const std::function<int()>& body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setresgid(65534, 65534, 65534) != 0 ||
+        ::setresuid(65534, 65534, 65534) != 0) {
+      ::_exit(100);
+    }
+    int result = 101;
+    try {
+      result = body();
+    } catch (...) {
+      result = 102;
+    }
+    ::_exit(result);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 200;
+}
+
+TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
+  VL_REQUIRE_LOOP_DEVICES();
+  ImageDisk disk(1 << 20);
+  const std::string path = disk.loop.path();
+  const DiskIdentity identity = disk.inspect();
+
+  // The stand-in hands back what the test opened as root beforehand.
+  struct Case {
+    const char* what;
+    int openFlags;
+    std::function<int()> body;
+  };
+  const Case cases[] = {
+      {"reading", O_RDONLY,
+       [&] {
+         if (::open(path.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 1;
+         const std::unique_ptr<ByteSource> source = SourceOpener::open(path, standIn("stdin"));
+         return dynamic_cast<BlockDeviceSource*>(source.get()) && source->size() == (1u << 20) ? 0
+                                                                                               : 2;
+       }},
+      {"a refusal", O_RDONLY,
+       [&] {
+         try {
+           RawDeviceAccess::openReadOnly(path, standIn("nothing"));
+         } catch (const DeviceError& error) {
+           return error == DeviceError::authorizationDenied(path) &&
+                          error.description() == "Authorization to read " + path + " was denied."
+                      ? 0
+                      : 3;
+         }
+         return 4;
+       }},
+      {"writing", O_RDWR,
+       [&] {
+         const auto device = DeviceWriteAccess::open(identity, {standIn("stdin"), true, {}});
+         return device->size() == (1u << 20) && device->isDirect() ? 0 : 5;
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    UniqueFd prepared(::open(path.c_str(), c.openFlags | O_CLOEXEC));
+    ASSERT_TRUE(prepared.valid());
+    UniqueFd savedInput(::dup(STDIN_FILENO));
+    ASSERT_EQ(::dup2(prepared.get(), STDIN_FILENO), STDIN_FILENO);
+    const int result = asNobody(c.body);
+    ::dup2(savedInput.get(), STDIN_FILENO);
+    EXPECT_EQ(result, 0);
+  }
 }
 
 TEST(SourceOpener, PicksTheSourceByWhatThePathIs) {
