@@ -11,6 +11,9 @@ namespace vellum::cli {
 namespace {
 
 const Command kCommands[] = {
+    {"list", "list [--json] [--include-images]",
+     "Lists the memory cards and external drives (disk images too with --include-images).",
+     runList},
     {"quick", "quick TARGET [--json]",
      "Quick Check: is the capacity real? Keeps your files (about a minute).", runQuick},
     {"full", "full TARGET [--confirm WORD] [--json]",

@@ -22,6 +22,7 @@ int runQuick(const std::vector<std::string>& words);
 int runFull(const std::vector<std::string>& words);
 int runHealth(const std::vector<std::string>& words);
 int runImage(const std::vector<std::string>& words);
+int runList(const std::vector<std::string>& words);
 
 // Prints a JSON value as one line on stdout.
 void printJson(const nlohmann::json& value);
