@@ -7,8 +7,10 @@
 #include <ostream>
 
 #include "bytes/MemorySource.h"
+#include "carve/CarveEngine.h"
 #include "carve/FormatCarver.h"
 #include "carve/ReadContext.h"
+#include "support/TempDir.h"
 
 namespace vellum::testing {
 
@@ -24,6 +26,29 @@ inline std::optional<CarveMatch> carveBytes(const FormatCarver& carver, const By
 // The first count bytes of data (a truncated copy).
 inline Bytes cut(const Bytes& data, std::size_t count) {
   return Bytes(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+// Runs the whole engine over image in catalog mode (64 KiB chunks, 512-byte
+// stride) and returns what it found as (start, length, ext, confidence).
+struct Found {
+  std::uint64_t start;
+  std::uint64_t length;
+  std::string ext;
+  CarveConfidence confidence;
+  bool operator==(const Found&) const = default;
+  friend std::ostream& operator<<(std::ostream& out, const Found& f) {
+    return out << f.ext << "@" << f.start << "+" << f.length << " " << toString(f.confidence);
+  }
+};
+inline std::vector<Found> carveImage(const Bytes& image) {
+  TempDir dir;
+  MemorySource source(image);
+  const FormatCategorySet all(allFormatCategories.begin(), allFormatCategories.end());
+  CarveEngine engine(source, {all, dir.path(), CarveEngine::OutputMode::catalog, 65536, 512, 0});
+  std::vector<Found> out;
+  for (const CarvedFile& f : engine.run().files)
+    out.push_back({f.start, f.length, f.ext, f.confidence});
+  return out;
 }
 
 inline CarveMatch exactMatch(std::uint64_t length, std::string ext, FormatCategory category) {

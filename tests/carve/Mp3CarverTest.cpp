@@ -124,3 +124,22 @@ TEST(Mp3Carver, RejectsBrokenTags) {
 
 }  // namespace
 }  // namespace vellum::testing
+
+namespace vellum::testing {
+namespace {
+
+TEST(Mp3Carver, InTheEngineFilesInsideAStreamAreStillFound) {
+  // Cover art in the tag, on a sector boundary: MP3 finds are heuristic, so
+  // the engine looks inside them.
+  Bytes mp3 = stream(5, 2000);
+  const Bytes png = samplePng(100);
+  place(mp3, 512, png);
+  Bytes image = mp3;
+  image.resize(image.size() + 1000, 0);
+  EXPECT_EQ(carveImage(image),
+            (std::vector<Found>{{0, mp3.size(), "mp3", CarveConfidence::heuristic},
+                                {512, png.size(), "png", CarveConfidence::exact}}));
+}
+
+}  // namespace
+}  // namespace vellum::testing

@@ -119,3 +119,20 @@ TEST(Ole2Carver, NamesTheFileByItsFirstKnownStream) {
 
 }  // namespace
 }  // namespace vellum::testing
+
+namespace vellum::testing {
+namespace {
+
+TEST(Ole2Carver, InTheEngineFilesAfterTheHeaderAreStillFound) {
+  Bytes image = compoundFile(9, 1, utf16("Workbook"));
+  image.resize(8192, 0);
+  const Bytes jpeg = sampleJpeg(100);
+  place(image, 8192, jpeg);
+  image.resize(100'000, 0);
+  EXPECT_EQ(carveImage(image),
+            (std::vector<Found>{{0, 66'048, "xls", CarveConfidence::heuristic},
+                                {8192, jpeg.size(), "jpg", CarveConfidence::exact}}));
+}
+
+}  // namespace
+}  // namespace vellum::testing

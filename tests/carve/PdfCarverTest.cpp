@@ -167,3 +167,26 @@ TEST(PdfCarver, LooksForTheMarkerWithin256MiB) {
 
 }  // namespace
 }  // namespace vellum::testing
+
+namespace vellum::testing {
+namespace {
+
+TEST(PdfCarver, InTheEngineTheNextFileIsFoundToo) {
+  Bytes image = pdfBody();
+  append(image, "%%EOF\n");
+  append(image, update(900));
+  append(image, "%%EOF\n");
+  const std::size_t length = image.size();
+  padToSector(image);
+  const std::size_t jpegAt = image.size();
+  Bytes jpeg = sampleJpeg(400);
+  place(jpeg, 300, text("%%EOF"));
+  append(image, jpeg);
+  image.resize(8192, 0);
+  EXPECT_EQ(carveImage(image),
+            (std::vector<Found>{{0, length, "pdf", CarveConfidence::exact},
+                                {jpegAt, jpeg.size(), "jpg", CarveConfidence::exact}}));
+}
+
+}  // namespace
+}  // namespace vellum::testing

@@ -369,3 +369,26 @@ TEST(TiffCarver, HostileStructures) {
 
 }  // namespace
 }  // namespace vellum::testing
+
+namespace vellum::testing {
+namespace {
+
+TEST(TiffCarver, InTheEngineAnExactTiffIsSteppedOverWhole) {
+  // A JPEG inside the strip data, on a sector boundary, is part of the TIFF.
+  TiffBuilder tiff(false);
+  Bytes strip = filler(3000, 0x11);
+  place(strip, 1024 - 8, sampleJpeg(300));
+  const auto s1 = tiff.data(strip);
+  tiff.setFirstIfd(tiff.ifd(imageFields({s1}, {3000})));
+  Bytes image = tiff.bytes();
+  const std::size_t length = image.size();
+  image.resize(4096, 0);
+  append(image, stripTiff(true).bytes());
+  const std::size_t second = stripTiff(true).bytes().size();
+  image.resize(8192, 0);
+  EXPECT_EQ(carveImage(image), (std::vector<Found>{{0, length, "tif", CarveConfidence::exact},
+                                                   {4096, second, "tif", CarveConfidence::exact}}));
+}
+
+}  // namespace
+}  // namespace vellum::testing

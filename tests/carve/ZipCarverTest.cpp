@@ -14,6 +14,10 @@ const FormatCarver& carver() {
   return zipCarver();
 }
 
+void padToSector(Bytes& out) {
+  out.resize((out.size() + 511) / 512 * 512, 0);
+}
+
 Bytes text(std::string_view s) {
   return Bytes(s.begin(), s.end());
 }
@@ -308,6 +312,30 @@ TEST(ZipCarver, HostileHeaders) {
     EXPECT_EQ(match->confidence, CarveConfidence::heuristic);
     EXPECT_EQ(match->length, bytes.size());
   }
+}
+
+}  // namespace
+}  // namespace vellum::testing
+
+namespace vellum::testing {
+namespace {
+
+TEST(ZipCarver, InTheEngineAStoredArchiveIsSteppedOverWhole) {
+  // A stored PNG whose data begins on a sector boundary.
+  const std::string name = std::string(512 - 30 - 1, 'n') + "p";
+  Bytes archive = build({{Entry{name, samplePng(200), 0}, file("[Content_Types].xml"),
+                          file("word/document.xml")}})
+                      .bytes;
+  ASSERT_EQ(archive[512], 0x89);
+  Bytes image = archive;
+  padToSector(image);
+  const std::size_t nextAt = image.size();
+  append(image, build({{file("a.txt")}}).bytes);
+  const std::size_t nextLength = image.size() - nextAt;
+  image.resize(image.size() + 1024, 0);
+  EXPECT_EQ(carveImage(image),
+            (std::vector<Found>{{0, archive.size(), "docx", CarveConfidence::exact},
+                                {nextAt, nextLength, "zip", CarveConfidence::exact}}));
 }
 
 }  // namespace
