@@ -118,7 +118,7 @@ void DeviceGuard::unmountAll(const DiskIdentity& identity, const SystemPaths& pa
       if (volume.mountPoints.empty()) continue;
       // udisks asks polkit, so an ordinary desktop user may unmount the
       // card's volumes; its exit status is not trusted, the table is.
-      runProcess({"udisksctl", "unmount", "--no-user-interaction", "-b", "/dev/" + volume.name});
+      runProcess({"udisksctl", "unmount", "-b", "/dev/" + volume.name});
     }
   }
   const std::vector<std::string> remaining = reader.mountPoints(name);
