@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/swap.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -153,6 +154,28 @@ TEST(LoopDevices, EnumeratedAndInspectedAsDiskImages) {
   EXPECT_NO_THROW(DeviceGuard::revalidate(identity));
   EXPECT_EQ(refusalOf([&] { DeviceGuard::inspect(loop.name() + "p1", Allowance::standard); }),
             "Only whole disks (like sdb or mmcblk0) can be tested, not " + loop.name() + "p1.");
+}
+
+TEST(LoopDevices, ActiveSwapMakesADiskASystemDisk) {
+  SKIP_WITHOUT("losetup", "mkswap");
+  const testing::ScopedEnv env("VL_ALLOW_DISK_IMAGES", "1");
+  testing::TempDir dir;
+  LoopDevice loop(dir.file("swap.img"), 16 << 20);
+  ASSERT_TRUE(loop.attached());
+  run({"mkswap", loop.path()});
+  EXPECT_NO_THROW(DeviceGuard::inspect(loop.name(), Allowance::standard));
+
+  struct SwapOn {
+    std::string path;
+    bool on = ::swapon(path.c_str(), 0) == 0;
+    ~SwapOn() {
+      if (on) ::swapoff(path.c_str());
+    }
+  } swap{loop.path()};
+  if (!swap.on) GTEST_SKIP() << "swapon refused here: " << errnoText(errno);
+  EXPECT_TRUE(DeviceGuard::hostsSystemVolume(loop.name()));
+  EXPECT_EQ(refusalOf([&] { DeviceGuard::inspect(loop.name(), Allowance::standard); }),
+            loop.name() + " holds a system volume. Vellum won't write to it.");
 }
 
 TEST(LoopDevices, RevalidateCatchesReattachAndResize) {
