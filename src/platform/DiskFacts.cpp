@@ -288,17 +288,27 @@ std::vector<DeviceNumber> DiskFactsReader::devicesOf(const std::string& diskName
   return devices;
 }
 
+std::optional<DeviceNumber> DiskFactsReader::deviceOfSource(const std::string& source) const {
+  if (!source.starts_with("/dev/")) return std::nullopt;
+  if (const std::optional<Located> located = locate(paths_, source.substr(5))) {
+    return deviceNumberOf(located->dir);
+  }
+  // Names such as /dev/mapper/home are links to the node.
+  struct stat st {};
+  if (::stat(source.c_str(), &st) == 0 && S_ISBLK(st.st_mode)) {
+    return DeviceNumber::fromDev(st.st_rdev);
+  }
+  return std::nullopt;
+}
+
 std::vector<MountEntry> DiskFactsReader::mounts() const {
   std::vector<MountEntry> table = parseMountInfo(readText(paths_.mountInfo).value_or(""));
   // File systems such as btrfs report an anonymous device number (major 0);
   // their source names the block device instead.
   for (MountEntry& mount : table) {
-    if (mount.device.major != 0 || !mount.source.starts_with("/dev/")) continue;
-    const std::string rest = mount.source.substr(5);
-    if (const std::optional<Located> located = locate(paths_, rest)) {
-      if (const std::optional<DeviceNumber> number = deviceNumberOf(located->dir)) {
-        mount.device = *number;
-      }
+    if (mount.device.major != 0) continue;
+    if (const std::optional<DeviceNumber> number = deviceOfSource(mount.source)) {
+      mount.device = *number;
     }
   }
   return table;
@@ -385,7 +395,17 @@ std::vector<VolumeFacts> DiskFactsReader::volumes(const std::string& diskName) c
 }
 
 std::optional<std::string> DiskFactsReader::wholeDiskName(DeviceNumber device) const {
-  const fs::path dir = canonicalOrEmpty(paths_.sysRoot / "dev/block" / device.toString());
+  fs::path dir = canonicalOrEmpty(paths_.sysRoot / "dev/block" / device.toString());
+  if (dir.empty() && device.major == 0) {
+    // An anonymous st_dev (btrfs): the mount table names the device behind it.
+    for (const MountEntry& mount : parseMountInfo(readText(paths_.mountInfo).value_or(""))) {
+      if (mount.device != device) continue;
+      if (const std::optional<DeviceNumber> number = deviceOfSource(mount.source)) {
+        dir = canonicalOrEmpty(paths_.sysRoot / "dev/block" / number->toString());
+        break;
+      }
+    }
+  }
   if (dir.empty()) return std::nullopt;
   const fs::path diskDir = pathExists(dir / "partition") ? dir.parent_path() : dir;
   std::string name = diskDir.filename().string();

@@ -82,10 +82,14 @@ class DiskFactsReader {
   // when it is a partition. Absent when sysfs does not know the number.
   std::optional<std::string> wholeDiskName(DeviceNumber device) const;
 
+  // The mount table; anonymous device numbers (btrfs) replaced by the block
+  // device their source names.
   std::vector<MountEntry> mounts() const;
   std::vector<DeviceNumber> activeSwapDevices() const;
 
  private:
+  std::optional<DeviceNumber> deviceOfSource(const std::string& source) const;
+
   SystemPaths paths_;
 };
 

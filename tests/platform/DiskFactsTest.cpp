@@ -153,6 +153,10 @@ TEST(DiskFacts, MountsMatchByDeviceNumberNeverByNamePrefix) {
   EXPECT_EQ(reader.mountPoints("mmcblk0boot0"), (std::vector<std::string>{"/media/boot0"}));
   // Anonymous device numbers (btrfs) are found through the mount source.
   EXPECT_EQ(reader.mountPoints("sdc"), (std::vector<std::string>{"/media/pool"}));
+  EXPECT_EQ(reader.wholeDiskName({0, 45}), "sdc");
+  EXPECT_EQ(reader.wholeDiskName({0, 46}), std::nullopt);
+  EXPECT_EQ(reader.wholeDiskName({65, 161}), "sdaa");
+  EXPECT_EQ(reader.wholeDiskName({179, 8}), "mmcblk0boot0");
 }
 
 TEST(DiskEnumerator, ListsOnlyCardLikeDisksWithTheirVolumeNames) {
