@@ -1,6 +1,5 @@
 #include "platform/DeviceGuard.h"
 
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,7 +8,7 @@
 
 #include "devices/WriteError.h"
 #include "platform/DiskFacts.h"
-#include "platform/Process.h"
+#include "platform/Unmount.h"
 
 namespace vellum {
 namespace {
@@ -40,10 +39,6 @@ std::string joined(const std::vector<std::string>& items) {
     text += item;
   }
   return text;
-}
-
-std::size_t depth(const std::string& mountPoint) {
-  return static_cast<std::size_t>(std::count(mountPoint.begin(), mountPoint.end(), '/'));
 }
 
 }  // namespace
@@ -97,31 +92,9 @@ void DeviceGuard::revalidate(const DiskIdentity& identity, const SystemPaths& pa
 }
 
 void DeviceGuard::unmountAll(const DiskIdentity& identity, const SystemPaths& paths) {
-  const std::string& name = identity.deviceIdentifier;
-  const DiskFactsReader reader(paths);
-  if (::geteuid() == 0) {
-    // Deepest first, so a file system mounted inside another goes before it;
-    // later entries first among equals, since they are stacked on top.
-    std::vector<std::string> points = reader.mountPoints(name);
-    std::reverse(points.begin(), points.end());
-    std::stable_sort(points.begin(), points.end(), [](const std::string& a, const std::string& b) {
-      return depth(a) > depth(b);
-    });
-    for (const std::string& point : points) {
-      // Never MNT_DETACH: a lazily detached file system may still be writing
-      // to the card while we overwrite it. NOFOLLOW: the path is taken as the
-      // mount table states it, never through a link put there meanwhile.
-      ::umount2(point.c_str(), UMOUNT_NOFOLLOW);
-    }
-  } else {
-    for (const VolumeFacts& volume : reader.volumes(name)) {
-      if (volume.mountPoints.empty()) continue;
-      // udisks asks polkit, so an ordinary desktop user may unmount the
-      // card's volumes; its exit status is not trusted, the table is.
-      runProcess({"udisksctl", "unmount", "-b", "/dev/" + volume.name});
-    }
-  }
-  const std::vector<std::string> remaining = reader.mountPoints(name);
+  const std::vector<std::string> remaining =
+      unmountVolumes(identity.deviceIdentifier,
+                     ::geteuid() == 0 ? UnmountMethod::direct : UnmountMethod::udisks, paths);
   if (!remaining.empty()) {
     throw WriteError::refused("Couldn't unmount " + joined(remaining) +
                               ". Close any apps using the card and try again.");

@@ -1,10 +1,14 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 
 #include "Machine.h"
 #include "devices/WriteError.h"
 #include "platform/DeviceGuard.h"
+#include "platform/Process.h"
+#include "platform/Unmount.h"
+#include "support/TempDir.h"
 
 namespace vellum {
 namespace {
@@ -231,6 +235,59 @@ TEST(DeviceGuard, UnmountRefusalListsWhatStaysMounted) {
   }
   fake.mountInfo("");
   EXPECT_NO_THROW(DeviceGuard::unmountAll(identity, fake.paths()));
+}
+
+TEST(DeviceGuard, UnmountThroughUdisksPerMountedVolumeJudgedByTheTable) {
+  FakeSystem fake;
+  fake.usbDisk("sdx", "2", "A", "B", Disk{.dev = "8:240", .sectors = 100, .removable = "1"})
+      .partition("sdx", "sdx1", 1, "8:241")
+      .partition("sdx", "sdx2", 2, "8:242")
+      .partition("sdx", "sdx3", 3, "8:243");
+  const std::string mounted = R"(70 1 8:242 / /media/u/TWO rw - vfat /dev/sdx2 rw
+71 1 8:241 / /media/u/ONE rw - vfat /dev/sdx1 rw
+)";
+  // A stand-in udisksctl that logs its arguments, empties the mount table
+  // when told to, and always fails: only the table may decide.
+  testing::TempDir bin;
+  const std::string log = bin.file("log");
+  testing::writeFile(bin.file("udisksctl"), R"(#!/bin/sh
+echo "$*" >> "$FAKE_UDISKS_LOG"
+[ -n "$FAKE_UDISKS_TABLE" ] && : > "$FAKE_UDISKS_TABLE"
+exit 1
+)");
+  ::chmod(bin.file("udisksctl").c_str(), 0755);
+  const char* path = std::getenv("PATH");
+  const testing::ScopedEnv searchPath("PATH", bin.path().string() + ":" + (path ? path : ""));
+  const testing::ScopedEnv logTo("FAKE_UDISKS_LOG", log);
+
+  {
+    fake.mountInfo(mounted);
+    const testing::ScopedEnv table("FAKE_UDISKS_TABLE", fake.paths().mountInfo.string());
+    EXPECT_TRUE(unmountVolumes("sdx", UnmountMethod::udisks, fake.paths()).empty());
+    EXPECT_EQ(runProcess({"cat", log}).standardOutput,
+              "unmount -b /dev/sdx1\nunmount -b /dev/sdx2\n");
+  }
+  {
+    fake.mountInfo(mounted);
+    const testing::ScopedEnv table("FAKE_UDISKS_TABLE", std::nullopt);
+    EXPECT_EQ(unmountVolumes("sdx", UnmountMethod::udisks, fake.paths()),
+              (std::vector<std::string>{"/media/u/TWO", "/media/u/ONE"}));
+  }
+  {
+    // Nothing mounted: udisksctl is not run at all.
+    fake.mountInfo("");
+    testing::writeFile(log, "");
+    EXPECT_TRUE(unmountVolumes("sdx", UnmountMethod::udisks, fake.paths()).empty());
+    EXPECT_EQ(runProcess({"cat", log}).standardOutput, "");
+  }
+  {
+    // Without udisks installed, the platform's error is passed on.
+    fake.mountInfo(mounted);
+    const testing::ScopedEnv noPath("PATH", "/nonexistent");
+    if (!findProgram("udisksctl")) {
+      EXPECT_THROW(unmountVolumes("sdx", UnmountMethod::udisks, fake.paths()), ProcessError);
+    }
+  }
 }
 
 TEST(DiskIdentity, EncodesWithFieldNamesAndDecodesBack) {
