@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 
+#include <fstream>
+
 #include "bytes/Error.h"
 #include "platform/DeviceGuard.h"
 
@@ -53,6 +55,22 @@ bool DiskEnumerator::unmountDisk(const std::string& deviceIdentifier, const Syst
   } catch (const Error&) {
     return false;
   }
+}
+
+std::string DiskEnumerator::changeStamp(const SystemPaths& paths) {
+  std::string stamp;
+  for (const std::string& name : DiskFactsReader(paths).diskNames()) {
+    stamp += name;
+    for (const char* attribute : {"diskseq", "size", "ro"}) {
+      std::ifstream in(paths.sysRoot / "block" / name / attribute);
+      std::string value;
+      std::getline(in, value);
+      stamp += ' ';
+      stamp += value;
+    }
+    stamp += '\n';
+  }
+  return stamp;
 }
 
 std::vector<std::string> DiskEnumerator::volumeNames(const std::vector<VolumeFacts>& volumes) {

@@ -38,6 +38,12 @@ class DiskEnumerator {
   // Unmounts every volume of the disk; true when nothing of it stays mounted.
   static bool unmountDisk(const std::string& deviceIdentifier, const SystemPaths& paths = {});
 
+  // A cheap summary of the block devices present (name, disk sequence, size and
+  // read-only flag of each, reading three small sysfs files per disk): polled
+  // every few seconds where no hot-plug events arrive, and the list refreshed
+  // whenever it changes.
+  static std::string changeStamp(const SystemPaths& paths = {});
+
   // The names shown for a disk's volumes: label, else the last component of the
   // first mount point; volumes without either are left out.
   static std::vector<std::string> volumeNames(const std::vector<VolumeFacts>& volumes);

@@ -183,6 +183,24 @@ TEST(DiskEnumerator, ListsOnlyCardLikeDisksWithTheirVolumeNames) {
   EXPECT_EQ(DiskEnumerator::externalDisks(false, fake.paths()).size(), 3u);
 }
 
+TEST(DiskEnumerator, ChangeStampFollowsInsertionRemovalAndMediaChanges) {
+  FakeSystem fake;
+  testing::buildLaptop(fake);
+  const std::string before = DiskEnumerator::changeStamp(fake.paths());
+  EXPECT_NE(before.find("sdb 21 62333952 0\n"), std::string::npos) << before;
+  EXPECT_EQ(DiskEnumerator::changeStamp(fake.paths()), before);
+
+  // A card inserted into the empty slot: new sequence number and size.
+  fake.diskAttribute("sdc", "diskseq", "40").diskAttribute("sdc", "size", "31116288");
+  const std::string inserted = DiskEnumerator::changeStamp(fake.paths());
+  EXPECT_NE(inserted, before);
+  fake.diskAttribute("sdb", "ro", "1");
+  const std::string locked = DiskEnumerator::changeStamp(fake.paths());
+  EXPECT_NE(locked, inserted);
+  fake.remove("sdd");
+  EXPECT_EQ(DiskEnumerator::changeStamp(fake.paths()).find("sdd "), std::string::npos);
+}
+
 TEST(DiskEnumerator, VolumesInPartitionOrderWithNamesFromLabelsThenMountPoints) {
   FakeSystem fake;
   testing::buildLaptop(fake);
