@@ -121,7 +121,8 @@ class ZipWalk {
  private:
   bool firstHeaderLooksRight() {
     const Bytes h = context_.bytes(start_, localHeaderSize);
-    return h.size() == localHeaderSize && le(h, 26, 2) > 0 && knownMethod(le(h, 8, 2));
+    return h.size() == localHeaderSize && le(h, 0, 4) == sig::localFile && le(h, 26, 2) > 0 &&
+           knownMethod(le(h, 8, 2));
   }
 
   // Reads the record at position and returns where the next one starts, or
