@@ -116,6 +116,29 @@ TEST(PdfCarver, AMarkerTooFarAfterTheLastIsAnotherFiles) {
             exactMatch(chained.size(), "pdf", FormatCategory::documents));
 }
 
+TEST(PdfCarver, AFileCutShortDoesNotRunIntoTheNext) {
+  // A PDF without its end, then another whole one on the next sector.
+  Bytes image = pdfBody();
+  padToSector(image);
+  Bytes second = pdfBody("1.5");
+  append(second, "%%EOF\n");
+  const std::size_t secondAt = image.size();
+  append(image, second);
+  image.resize(image.size() + 1000, 0);
+  EXPECT_EQ(carveBytes(carver(), image), std::nullopt);
+  EXPECT_EQ(carveBytes(carver(), image, secondAt),
+            exactMatch(second.size(), "pdf", FormatCategory::documents));
+
+  // A JPEG image stream that happens to start on a sector boundary inside
+  // a PDF is part of it.
+  Bytes withImage = pdfBody();
+  padToSector(withImage);
+  append(withImage, sampleJpeg(2000));
+  append(withImage, "\nendstream\nendobj\n%%EOF\n");
+  EXPECT_EQ(carveBytes(carver(), withImage),
+            exactMatch(withImage.size(), "pdf", FormatCategory::documents));
+}
+
 TEST(PdfCarver, RejectsWhatIsNotAWholePdf) {
   const std::map<std::string, Bytes> cases = {
       {"version 0",

@@ -46,8 +46,13 @@ constexpr std::array<Magic, 13> otherFileMagics = {{
 }};
 constexpr std::size_t longestMagicEnd = 8;
 
-bool otherFileStartsAt(const Bytes& block, std::size_t at) {
+// Inside a PDF, before its first end marker, images are often stored as
+// plain JPEG streams; one may start on a sector boundary by chance.
+enum class Jpeg { counts, ignored };
+
+bool otherFileStartsAt(const Bytes& block, std::size_t at, Jpeg jpeg) {
   for (const Magic& magic : otherFileMagics) {
+    if (jpeg == Jpeg::ignored && magic.bytes.starts_with("\xFF\xD8")) continue;
     const std::size_t begin = at + magic.offset;
     if (begin + magic.bytes.size() > block.size()) continue;
     if (std::memcmp(block.data() + begin, magic.bytes.data(), magic.bytes.size()) == 0) return true;
@@ -56,13 +61,13 @@ bool otherFileStartsAt(const Bytes& block, std::size_t at) {
 }
 
 // The first sector boundary in [from, to) where another file starts, or to.
-std::uint64_t nextOtherFile(ReadContext& context, std::uint64_t from, std::uint64_t to) {
+std::uint64_t nextOtherFile(ReadContext& context, std::uint64_t from, std::uint64_t to, Jpeg jpeg) {
   std::uint64_t sector = (from + sectorSize - 1) / sectorSize * sectorSize;
   while (sector < to) {
     const std::uint64_t span = std::min(to - sector, searchStep);
     const Bytes block = context.bytes(sector, static_cast<std::int64_t>(span + longestMagicEnd));
     for (std::size_t at = 0; at < span && at < block.size(); at += sectorSize)
-      if (otherFileStartsAt(block, at)) return sector + at;
+      if (otherFileStartsAt(block, at, jpeg)) return sector + at;
     if (block.size() < span) return to;
     sector += span;
   }
@@ -88,16 +93,27 @@ class PdfCarver final : public FormatCarver {
     if (!version || *version < '1' || *version > '9') return std::nullopt;
 
     const Bytes& marker = endMarker();
-    auto last = context.find(marker, start, maxLength, searchStep);
+    const std::uint64_t limitEnd = std::min(start + maxLength, context.size());
+
+    // The first end marker, unless another file begins before it (a PDF cut
+    // short must not run into the next file's end marker).
+    std::optional<std::uint64_t> last;
+    for (std::uint64_t position = start; position < limitEnd;) {
+      const std::uint64_t stepEnd = std::min(limitEnd, position + searchStep);
+      const std::uint64_t stop =
+          nextOtherFile(context, std::max(position, start + 1), stepEnd, Jpeg::ignored);
+      last = context.find(marker, position, stop - position, searchStep);
+      if (last || stop < stepEnd) break;
+      position = stepEnd;
+    }
     if (!last) return std::nullopt;
 
     // Later markers from incremental updates, up to the next file's start.
-    const std::uint64_t limitEnd = std::min(start + maxLength, context.size());
     while (true) {
       const std::uint64_t from = *last + marker.size();
       const std::uint64_t reach = std::min(limitEnd, from + updateSlack);
       if (from >= reach) break;
-      const std::uint64_t stop = nextOtherFile(context, from, reach);
+      const std::uint64_t stop = nextOtherFile(context, from, reach, Jpeg::counts);
       const auto later = context.findLast(marker, from, stop - from, updateSlack);
       if (!later) break;
       last = later;
