@@ -22,6 +22,8 @@ const Command kCommands[] = {
      "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth},
     {"image", "image SOURCE DEST", "Saves a byte-for-byte backup image of SOURCE to DEST.",
      runImage},
+    {"format", "format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]",
+     "Gives DISK (such as sdb) a fresh FAT32 or exFAT file system. Erases everything.", runFormat},
 };
 
 void printUsage(std::FILE* out) {

@@ -23,6 +23,7 @@ int runFull(const std::vector<std::string>& words);
 int runHealth(const std::vector<std::string>& words);
 int runImage(const std::vector<std::string>& words);
 int runList(const std::vector<std::string>& words);
+int runFormat(const std::vector<std::string>& words);
 
 // Prints a JSON value as one line on stdout.
 void printJson(const nlohmann::json& value);
