@@ -13,7 +13,9 @@ std::optional<CarveMatch> carveBytes(const FormatCarver& carver,
   MemorySource source(Bytes(data.begin(), data.end()));
   ReadContext context(source);
   try {
-    return carver.carve(0, context);
+    auto match = carver.carve(0, context);
+    if (match && match->length == 0) return std::nullopt;  // as the engine counts it
+    return match;
   } catch (const std::exception&) {
     return std::nullopt;
   }

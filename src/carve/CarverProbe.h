@@ -13,7 +13,8 @@ namespace vellum {
 // Runs carvers outside a scan: on one file (the identify mode) or on raw
 // bytes (the entry point for fuzzing). Neither needs an output folder.
 
-// The carver's verdict on the bytes as a file starting at offset 0. A carver
+// The carver's verdict on the bytes as a file starting at offset 0, read as
+// the engine reads it (an error or a zero length is no match). A carver
 // must never crash, hang or read without bound on any input; this is the
 // function a fuzzer drives.
 std::optional<CarveMatch> carveBytes(const FormatCarver& carver,
