@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "bytes/ByteSource.h"
@@ -34,6 +37,16 @@ struct FakeClock {
     return [this] { return now; };
   }
 };
+
+// The text of what run() throws, or "no error".
+inline std::string errorText(const std::function<void()>& run) {
+  try {
+    run();
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return "no error";
+}
 
 // Records every progress report.
 struct ProgressLog {
