@@ -15,6 +15,7 @@ void FaultyDevice::write(std::uint64_t offset, std::span<const std::uint8_t> dat
   checkWrite(offset, static_cast<std::int64_t>(data.size()));
   if (beforeWrite) beforeWrite(offset, data.size());
   inner_.write(offset, data);
+  if (afterWrite) afterWrite(offset, data.size());
 }
 
 void FaultyDevice::synchronize() {

@@ -19,6 +19,8 @@ class FaultyDevice final : public BlockDevice {
 
   Hook beforeRead;
   Hook beforeWrite;
+  // Runs once the inner device took the data (a write that lands, then fails).
+  Hook afterWrite;
   std::function<void()> beforeSynchronize;
   // Applied to the bytes a read returned (flip a bit, zero a block, ...).
   std::function<void(std::uint64_t offset, std::span<std::uint8_t> bytes)> afterRead;
