@@ -180,6 +180,7 @@ struct FormatCase {
   std::uint64_t partitionStart;  // bytes
   std::uint64_t cluster;         // bytes; 0: whatever mkfs.fat chose
   std::uint64_t alignment;
+  int sectorSize = 512;
 };
 
 class FormatOnLoopDevice : public ::testing::TestWithParam<FormatCase> {};
@@ -196,7 +197,7 @@ TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
   const std::string image = dir.file("card.img");
   testing::createSparseFile(image, c.diskBytes);
   testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
-  testing::LoopDevice loop(image);
+  testing::LoopDevice loop(image, {.sectorSize = c.sectorSize});
   const DiskIdentity identity = DeviceGuard::inspect(loop.name(), Allowance::standard);
 
   DiskFormatter::format(identity, c.fileSystem, "My Card!");
@@ -208,6 +209,7 @@ TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
   EXPECT_EQ(probe["LABEL"], "MYCARD");
   EXPECT_EQ(probe["PART_ENTRY_TYPE"], fat ? "0xc" : "0x7");
   EXPECT_EQ(probe["PART_ENTRY_NUMBER"], "1");
+  // blkid counts partition entries in 512-byte units whatever the sector size.
   EXPECT_EQ(probe["PART_ENTRY_OFFSET"], std::to_string(c.partitionStart / 512));
   EXPECT_EQ(probe["PART_ENTRY_SIZE"], std::to_string((c.diskBytes - c.partitionStart) / 512));
 
@@ -243,10 +245,13 @@ INSTANTIATE_TEST_SUITE_P(
                       FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4 * kMiB},
                       FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB},
                       FormatCase{64 * kGiB, FileSystem::fat32, 16 * kMiB, 32768, 16 * kMiB},
-                      FormatCase{64 * kGiB, FileSystem::exfat, 16 * kMiB, 131072, 16 * kMiB}),
+                      FormatCase{64 * kGiB, FileSystem::exfat, 16 * kMiB, 131072, 16 * kMiB},
+                      FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4 * kMiB, 4096},
+                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB, 4096}),
     [](const ::testing::TestParamInfo<FormatCase>& param) {
       return std::to_string(param.param.diskBytes / kMiB) + "MiB_" +
-             std::string(displayName(param.param.fileSystem));
+             std::string(displayName(param.param.fileSystem)) +
+             (param.param.sectorSize == 512 ? "" : "_4Kn");
     });
 
 TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
