@@ -41,18 +41,12 @@ TEST(ResultJson, FullTestWritesAbsentOptionalsAsNull) {
   result.firstBadOffset = 8192;
   result.write = SpeedSummary({10.0});
   result.duration = 2;
-  const json encoded = result;
-  EXPECT_EQ(encoded["verdict"], "failing");
-  EXPECT_EQ(encoded["firstBadOffset"], 8192);
-  EXPECT_TRUE(encoded["speedClass"].is_null());
-  EXPECT_EQ(encoded["write"]["sustainedMBps"], 10.0);
-  EXPECT_EQ(encoded["write"]["curve"], json::array({10.0}));
-  EXPECT_EQ(encoded["read"]["curve"], json::array());
-  for (const char* key : {"claimedBytes", "usableBytes", "holdsBytes", "goodBlocks",
-                          "aliasedBlocks", "corruptBlocks", "writeErrors", "duration"}) {
-    EXPECT_TRUE(encoded.contains(key)) << key;
-  }
-  EXPECT_EQ(encoded.size(), 13u);
+  EXPECT_EQ(json(result), json::parse(R"({
+    "verdict": "failing", "claimedBytes": 41060, "usableBytes": 8192, "holdsBytes": 36864,
+    "goodBlocks": 9, "aliasedBlocks": 0, "corruptBlocks": 1, "writeErrors": 0,
+    "firstBadOffset": 8192, "speedClass": null, "duration": 2.0,
+    "write": {"averageMBps": 10.0, "sustainedMBps": 10.0, "minimumMBps": 10.0, "curve": [10.0]},
+    "read": {"averageMBps": 0.0, "sustainedMBps": 0.0, "minimumMBps": 0.0, "curve": []}})"));
 
   result.verdict = FullTest::Result::Verdict::genuine;
   result.firstBadOffset.reset();
@@ -61,7 +55,6 @@ TEST(ResultJson, FullTestWritesAbsentOptionalsAsNull) {
   EXPECT_EQ(genuine["verdict"], "genuine");
   EXPECT_TRUE(genuine["firstBadOffset"].is_null());
   EXPECT_EQ(genuine["speedClass"], "U3 / V30");
-  EXPECT_EQ(toString(FullTest::Result::Verdict::counterfeit), "counterfeit");
 }
 
 TEST(ResultJson, HealthScanListsRegions) {
