@@ -403,6 +403,26 @@ TEST(DeviceWriteAccess, GoesThroughTheHelperWhenAPlainOpenIsRefused) {
   }
 }
 
+TEST(DeviceWriteAccess, RefusesADescriptorOfAnotherSize) {
+  VL_REQUIRE_LOOP_DEVICES();
+  ImageDisk selected(4 << 20);
+  ImageDisk other(6 << 20);
+  // The helper hands back a different disk than the one inspected, as if the
+  // card changed between the checks and the open.
+  UniqueFd wrong(::open(other.loop.path().c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_TRUE(wrong.valid());
+  UniqueFd savedInput(::dup(STDIN_FILENO));
+  ASSERT_EQ(::dup2(wrong.get(), STDIN_FILENO), STDIN_FILENO);
+  try {
+    DeviceWriteAccess::open(selected.inspect(), {standIn("stdin"), false, {}});
+    ADD_FAILURE() << "opened a disk of another size";
+  } catch (const WriteError& error) {
+    EXPECT_EQ(error, WriteError::refused("The opened device doesn't match the selected card. "
+                                         "Nothing was written."));
+  }
+  ::dup2(savedInput.get(), STDIN_FILENO);
+}
+
 TEST(DeviceWriteAccess, RefusesADiskThatChangedAndUnmountsOneThatIsMounted) {
   VL_REQUIRE_LOOP_DEVICES();
   if (!findProgram("mkfs.ext4")) GTEST_SKIP() << "needs mkfs.ext4 (e2fsprogs)";
