@@ -77,6 +77,19 @@ class DevSymlink {
   std::string path_;
 };
 
+// Puts fd on standard input for one scope (the stand-in helper's "stdin"
+// mode passes on what it finds there).
+class ScopedStdin {
+ public:
+  explicit ScopedStdin(int fd) : saved_(::dup(STDIN_FILENO)) { ::dup2(fd, STDIN_FILENO); }
+  ~ScopedStdin() { ::dup2(saved_.get(), STDIN_FILENO); }
+  ScopedStdin(const ScopedStdin&) = delete;
+  ScopedStdin& operator=(const ScopedStdin&) = delete;
+
+ private:
+  UniqueFd saved_;
+};
+
 // A sparse disk image attached as a loop device, written as a disk image may
 // be (VL_ALLOW_DISK_IMAGES=1).
 struct ImageDisk {
@@ -267,11 +280,8 @@ TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
     SCOPED_TRACE(c.what);
     UniqueFd prepared(::open(path.c_str(), c.openFlags | O_CLOEXEC));
     ASSERT_TRUE(prepared.valid());
-    UniqueFd savedInput(::dup(STDIN_FILENO));
-    ASSERT_EQ(::dup2(prepared.get(), STDIN_FILENO), STDIN_FILENO);
-    const int result = asNobody(c.body);
-    ::dup2(savedInput.get(), STDIN_FILENO);
-    EXPECT_EQ(result, 0);
+    const ScopedStdin input(prepared.get());
+    EXPECT_EQ(asNobody(c.body), 0);
   }
 }
 
@@ -411,8 +421,7 @@ TEST(DeviceWriteAccess, RefusesADescriptorOfAnotherSize) {
   // card changed between the checks and the open.
   UniqueFd wrong(::open(other.loop.path().c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_TRUE(wrong.valid());
-  UniqueFd savedInput(::dup(STDIN_FILENO));
-  ASSERT_EQ(::dup2(wrong.get(), STDIN_FILENO), STDIN_FILENO);
+  const ScopedStdin input(wrong.get());
   try {
     DeviceWriteAccess::open(selected.inspect(), {standIn("stdin"), false, {}});
     ADD_FAILURE() << "opened a disk of another size";
@@ -420,7 +429,6 @@ TEST(DeviceWriteAccess, RefusesADescriptorOfAnotherSize) {
     EXPECT_EQ(error, WriteError::refused("The opened device doesn't match the selected card. "
                                          "Nothing was written."));
   }
-  ::dup2(savedInput.get(), STDIN_FILENO);
 }
 
 TEST(DeviceWriteAccess, RefusesADiskThatChangedAndUnmountsOneThatIsMounted) {
