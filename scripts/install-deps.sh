@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  util-linux fdisk dosfstools exfatprogs mtools e2fsprogs
+  util-linux mount fdisk dosfstools exfatprogs mtools e2fsprogs pkexec
   fuse3 libfuse3-dev
 )
 
