@@ -9,6 +9,7 @@
 #include "checks/FullTest.h"
 #include "checks/HealthScan.h"
 #include "checks/QuickCheck.h"
+#include "checks/Wipe.h"
 #include "devices/FileSystem.h"
 
 namespace vellum {
@@ -75,10 +76,9 @@ struct Formatted {
   bool operator==(const Formatted&) const = default;
 };
 
-// The result of one finished action. The wipe result joins as its own
-// alternative between HealthScan::Result and Formatted; every visitor over
-// this variant then fails to compile until it handles it.
+// The result of one finished action. Every visitor over this variant fails
+// to compile until it handles each alternative.
 using CheckOutcome =
-    std::variant<QuickCheck::Result, FullTest::Result, HealthScan::Result, Formatted>;
+    std::variant<QuickCheck::Result, FullTest::Result, HealthScan::Result, Wipe::Result, Formatted>;
 
 }  // namespace vellum

@@ -171,10 +171,31 @@ class Writer {
     s_.speedCurveTitle = "Read speed across the " + noun_;
   }
 
-  // ---- Wipe outcome ----
-  // The wipe result's texts go here, as one more operator() taking the wipe
-  // result: the complete and incomplete cases, their facts, the always-added
-  // format advice, the write curve and suggestsFormat.
+  void operator()(const Wipe::Result& r) const {
+    if (r.isComplete()) {
+      verdict(ResultSummary::Tone::good, kGoodSymbol, "Wiped and verified");
+      s_.explanation = "The whole " + noun_ +
+                       " was overwritten and read back, and the Vellum Recover engine found no "
+                       "recoverable files.";
+    } else {
+      verdict(ResultSummary::Tone::bad, kBadSymbol, "Wipe incomplete");
+      s_.explanation =
+          "Some of the " + noun_ + " couldn't be overwritten. Don't rely on it being erased.";
+      s_.advice = {"The " + noun_ + " may be failing. For sensitive data, physically destroy it."};
+    }
+    s_.facts = {
+        {"Overwritten", sizeText(r.bytesOverwritten)},
+        {"Method", std::string(displayName(r.method))},
+        {"Blocks not erased", std::to_string(r.blocksNotErased)},
+        {"Recoverable files afterwards", std::to_string(r.recoverableFilesFound)},
+        {"Took", durationText(r.duration)},
+    };
+    s_.advice.push_back(isDrive_ ? "Format the drive before using it again."
+                                 : "Format the " + noun_ + " to use it in a camera again.");
+    s_.speedCurve = r.write.curve;
+    s_.speedCurveTitle = "Write speed across the " + noun_;
+    s_.suggestsFormat = true;
+  }
 
   void operator()(const Formatted& f) const {
     const std::string fileSystem(displayName(f.fileSystem));

@@ -73,6 +73,19 @@ HealthScan::Result healthResult(HealthScan::Result::Verdict verdict, std::size_t
   return r;
 }
 
+Wipe::Result wipeResult(std::int64_t writeErrors, std::uint64_t blocksNotErased,
+                        std::int64_t filesFound) {
+  Wipe::Result r;
+  r.method = Wipe::Method::zeros;
+  r.bytesOverwritten = k256MiB;
+  r.writeErrors = writeErrors;
+  r.blocksNotErased = blocksNotErased;
+  r.recoverableFilesFound = filesFound;
+  r.write.curve = {48.0, 47.5};
+  r.duration = 12.6;
+  return r;
+}
+
 struct VerdictRow {
   const char* name;
   CheckOutcome outcome;
@@ -397,6 +410,96 @@ TEST(ResultSummaryTest, FormatOutcome) {
             "Formatted as FAT32 with the name NO NAME. For best results, also format it once in "
             "the camera itself.");
   EXPECT_EQ(fat.facts, (Facts{{"File system", "FAT32"}, {"Name", "NO NAME"}}));
+}
+
+TEST(ResultSummaryTest, WipeIsIncompleteWhenAnythingIsLeft) {
+  const std::string complete =
+      "The whole card was overwritten and read back, and the Vellum Recover engine found no "
+      "recoverable files.";
+  const std::string incomplete =
+      "Some of the card couldn't be overwritten. Don't rely on it being erased.";
+  const VerdictRow rows[] = {
+      {"complete card",
+       wipeResult(0, 0, 0),
+       kDemoGenuine,
+       Tone::good,
+       "checkmark.seal.fill",
+       "Wiped and verified",
+       complete,
+       {"Format the card to use it in a camera again."}},
+      {"complete memory card in a reader",
+       wipeResult(0, 0, 0),
+       kSdReader,
+       Tone::good,
+       "checkmark.seal.fill",
+       "Wiped and verified",
+       complete,
+       {"Format the card to use it in a camera again."}},
+      {"complete drive",
+       wipeResult(0, 0, 0),
+       kFlashDrive,
+       Tone::good,
+       "checkmark.seal.fill",
+       "Wiped and verified",
+       "The whole drive was overwritten and read back, and the Vellum Recover engine found no "
+       "recoverable files.",
+       {"Format the drive before using it again."}},
+      {"a write failed",
+       wipeResult(1, 0, 0),
+       std::nullopt,
+       Tone::bad,
+       "xmark.octagon.fill",
+       "Wipe incomplete",
+       incomplete,
+       {"The card may be failing. For sensitive data, physically destroy it.",
+        "Format the card to use it in a camera again."}},
+      {"blocks not erased on a drive",
+       wipeResult(0, 16'384, 0),
+       kFlashDrive,
+       Tone::bad,
+       "xmark.octagon.fill",
+       "Wipe incomplete",
+       "Some of the drive couldn't be overwritten. Don't rely on it being erased.",
+       {"The drive may be failing. For sensitive data, physically destroy it.",
+        "Format the drive before using it again."}},
+      {"only a recoverable file",
+       wipeResult(0, 0, 1),
+       kDemoGenuine,
+       Tone::bad,
+       "xmark.octagon.fill",
+       "Wipe incomplete",
+       incomplete,
+       {"The card may be failing. For sensitive data, physically destroy it.",
+        "Format the card to use it in a camera again."}},
+  };
+  for (const VerdictRow& row : rows)
+    expectVerdict(row);
+}
+
+TEST(ResultSummaryTest, WipeFactsCurveAndFormatOffer) {
+  Wipe::Result random = wipeResult(2, 16'384, 3);
+  random.method = Wipe::Method::random;
+  random.duration = 3600;
+  const ResultSummary onCard(random, kDemoGenuine);
+  EXPECT_EQ(onCard.facts, (Facts{{"Card", "Demo card (genuine) (268.4 MB)"},
+                                 {"Overwritten", "268.4 MB"},
+                                 {"Method", "One pass of random data"},
+                                 {"Blocks not erased", "16384"},
+                                 {"Recoverable files afterwards", "3"},
+                                 {"Took", "1h"}}));
+  EXPECT_EQ(onCard.speedCurve, (std::vector<double>{48.0, 47.5}));
+  EXPECT_EQ(onCard.speedCurveTitle, "Write speed across the card");
+  EXPECT_TRUE(onCard.suggestsFormat);
+
+  const ResultSummary onDrive(wipeResult(0, 0, 0), kFlashDrive);
+  EXPECT_EQ(onDrive.facts, (Facts{{"Drive", "KINGSTON (32 GB)"},
+                                  {"Overwritten", "268.4 MB"},
+                                  {"Method", "One pass of zeros"},
+                                  {"Blocks not erased", "0"},
+                                  {"Recoverable files afterwards", "0"},
+                                  {"Took", "13s"}}));
+  EXPECT_EQ(onDrive.speedCurveTitle, "Write speed across the drive");
+  EXPECT_TRUE(onDrive.suggestsFormat);
 }
 
 TEST(ResultSummaryDeathTest, OverflowingSumsStopTheProgram) {
