@@ -14,9 +14,11 @@ const Command kCommands[] = {
     {"list", "list [--json] [--include-images]",
      "Lists the memory cards and external drives (disk images too with --include-images).",
      runList},
-    {"quick", "quick TARGET [--json]",
-     "Quick Check: is the capacity real? Keeps your files (about a minute).", runQuick},
-    {"full", "full TARGET [--confirm WORD] [--json]",
+    {"quick", "quick TARGET [--json] [--then full|format [ITS OPTIONS]]",
+     "Quick Check: is the capacity real? Keeps your files (about a minute). With --then, "
+     "erases a disk proven fake, even one claiming over 4 TB.",
+     runQuick},
+    {"full", "full TARGET [--confirm WORD] [--backup FILE] [--json]",
      "Full Test: writes and verifies every block and rates the speed. Erases everything.", runFull},
     {"health", "health TARGET [--json]",
      "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth},
@@ -24,6 +26,14 @@ const Command kCommands[] = {
      runImage},
     {"format", "format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]",
      "Gives DISK (such as sdb) a fresh FAT32 or exFAT file system. Erases everything.", runFormat},
+    {"carve",
+     "carve SOURCE --out DIR [--catalog] [--categories photos,video,...] [--stride N] "
+     "[--chunk BYTES]",
+     "Looks for photos, videos, music and documents in SOURCE and saves them to DIR. Read-only.",
+     runCarve},
+    {"export", "export REPORT.json SOURCE --out DIR",
+     "Saves the files listed by carve --catalog, skipping any that changed since the scan.",
+     runExport},
 };
 
 void printUsage(std::FILE* out) {
@@ -40,13 +50,18 @@ void printUsage(std::FILE* out) {
   }
   std::fprintf(out,
                "\n"
-               "TARGET is demo:genuine, demo:fake, demo:failing (cards simulated in memory)\n"
-               "or the path of a disk image file.\n"
+               "TARGET is a disk (sdb or /dev/sdb, see vellum-check list), demo:genuine,\n"
+               "demo:fake, demo:failing (cards simulated in memory) or the path of a disk\n"
+               "image file. Erasing a disk asks you to type its name (or --confirm sdb).\n"
                "\n"
                "Exit status: 0 good verdict, 1 bad verdict, 2 usage error, 3 could not run,\n"
                "130 stopped.\n"
                "\n"
                "Examples:\n"
+               "  vellum-check list\n"
+               "  vellum-check quick sdb\n"
+               "  vellum-check full sdb --backup card-backup.img --confirm sdb\n"
+               "  vellum-check quick sdb --then format --fs exfat --confirm sdb\n"
                "  vellum-check quick demo:fake\n"
                "  vellum-check full card.img --confirm erase --json\n"
                "  vellum-check image demo:genuine backup.img\n");
