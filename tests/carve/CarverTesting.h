@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "bytes/MemorySource.h"
+#include "bytes/Precondition.h"
 #include "carve/CarveEngine.h"
 #include "carve/FormatCarver.h"
 #include "carve/ReadContext.h"
@@ -25,6 +26,7 @@ inline std::optional<CarveMatch> carveBytes(const FormatCarver& carver, const By
 
 // The first count bytes of data (a truncated copy).
 inline Bytes cut(const Bytes& data, std::size_t count) {
+  VL_PRECONDITION(count <= data.size());
   return Bytes(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(count));
 }
 

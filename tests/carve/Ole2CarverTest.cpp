@@ -70,7 +70,7 @@ TEST(Ole2Carver, BoundsTheFileByWhatItsTableAddresses) {
 
 TEST(Ole2Carver, CapsTheLengthAt256MiBAndAtTheSourcesEnd) {
   // 4096-byte sectors and 65,536 table sectors could address 256 GiB.
-  const Bytes header = compoundFile(12, 65'536);
+  const Bytes header = compoundFile(12, 65'536, filler(1000, 0));
   {
     SparseSource source(300'000'000, {{1000, header}});
     ReadContext context(source);

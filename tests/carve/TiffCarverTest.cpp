@@ -86,9 +86,9 @@ class TiffBuilder {
 
   void setFirstIfd(std::uint32_t offset) { patch32(4, offset); }
   void setNext(std::uint32_t ifd, std::uint32_t next) {
-    const std::size_t count =
-        bigEndian_ ? (out_[ifd] << 8 | out_[ifd + 1]) : (out_[ifd] | out_[ifd + 1] << 8);
-    patch32(ifd + 2 + 12 * count, next);
+    const std::size_t hi = out_[bigEndian_ ? ifd : ifd + 1];
+    const std::size_t lo = out_[bigEndian_ ? ifd + 1 : ifd];
+    patch32(ifd + 2 + 12 * (hi << 8 | lo), next);
   }
   void patch16(std::size_t at, std::uint16_t value) {
     Bytes raw;
