@@ -258,13 +258,16 @@ TEST(ZipCarver, HostileHeaders) {
     EXPECT_EQ(carveBytes(carver(), bytes),
               heuristicMatch(bytes.size(), "zip", FormatCategory::archives));
   }
-  // No name, or an unknown method, is no local header at all.
+  // No name, an unknown method or an unheard-of version is no local header.
   {
     Bytes bytes = good.bytes;
     bytes[26] = 0;
     EXPECT_EQ(carveBytes(carver(), bytes), std::nullopt);
     bytes = good.bytes;
     bytes[8] = 200;
+    EXPECT_EQ(carveBytes(carver(), bytes), std::nullopt);
+    bytes = good.bytes;
+    bytes[5] = 0x30;  // version needed 12,308
     EXPECT_EQ(carveBytes(carver(), bytes), std::nullopt);
   }
   // Damage between the entries: the end record is still found and agrees

@@ -17,6 +17,7 @@ constexpr std::uint64_t maxSearched = 268'435'456;
 constexpr std::uint64_t searchBlock = 1'048'576;
 constexpr std::size_t maxRecords = 1'000'000;
 constexpr std::uint32_t unknown32 = 0xFFFFFFFF;
+constexpr std::uint64_t maxVersionNeeded = 100;
 
 namespace sig {
 constexpr std::uint32_t localFile = 0x04034B50;
@@ -121,8 +122,10 @@ class ZipWalk {
  private:
   bool firstHeaderLooksRight() {
     const Bytes h = context_.bytes(start_, localHeaderSize);
-    return h.size() == localHeaderSize && le(h, 0, 4) == sig::localFile && le(h, 26, 2) > 0 &&
-           knownMethod(le(h, 8, 2));
+    // Versions needed to extract run to 6.3 (63) today; random bytes rarely
+    // pass this together with a known method and a name.
+    return h.size() == localHeaderSize && le(h, 0, 4) == sig::localFile &&
+           le(h, 4, 2) <= maxVersionNeeded && le(h, 26, 2) > 0 && knownMethod(le(h, 8, 2));
   }
 
   // Reads the record at position and returns where the next one starts, or
