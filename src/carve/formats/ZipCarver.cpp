@@ -1,8 +1,8 @@
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <string>
 
-#include "bytes/Checked.h"
 #include "carve/ReadContext.h"
 #include "carve/formats/Carvers.h"
 
