@@ -133,6 +133,144 @@ double megabytesPerSecond(double bytes, double elapsed) {
   return elapsed > 0 ? bytes / elapsed / 1e6 : 0;
 }
 
+// The two passes over the card, sharing two chunk buffers for the whole run
+// so memory does not grow with the card. All device access, progress and
+// cancellation checks happen on the caller's thread; the worker only fills
+// and verifies buffers.
+class Passes {
+ public:
+  Passes(BlockDevice& device, std::uint64_t blocks, std::uint64_t perChunk,
+         const SecondsClock& clock, const CancellationFlag& cancel,
+         const ProgressCallback& progress)
+      : device_(device),
+        blocks_(blocks),
+        perChunk_(perChunk),
+        clock_(clock),
+        cancel_(cancel),
+        progress_(progress),
+        buffers_{AlignedBuffer(bufferBytes()), AlignedBuffer(bufferBytes())},
+        scratch_(kBlock) {}
+
+  // Chunk k goes to the device while the worker builds chunk k + 1. A failed
+  // write is counted and the pass goes on.
+  std::int64_t write(std::vector<double>& samples) {
+    std::int64_t writeErrors = 0;
+    int current = 0;
+    pattern_.fill(0, chunk(current, 0));
+    for (std::uint64_t first = 0; first < blocks_; first += perChunk_) {
+      cancel_.throwIfCancelled();
+      const std::uint64_t next = first + perChunk_;
+      if (next < blocks_) {
+        worker_.submit(
+            [this, target = chunk(1 - current, next), next] { pattern_.fill(next, target); });
+      }
+      const std::span<std::uint8_t> data = chunk(current, first);
+      const double before = secondsNow(clock_);
+      try {
+        device_.write(first * kBlock, data);
+      } catch (const WriteError&) {
+        ++writeErrors;
+      }
+      const double sample =
+          megabytesPerSecond(static_cast<double>(data.size()), secondsNow(clock_) - before);
+      samples.push_back(sample);
+      report(CheckProgress::Phase::writing, first * kBlock + data.size(), sample);
+      if (next < blocks_) worker_.wait();
+      current = 1 - current;
+    }
+    return writeErrors;
+  }
+
+  // Chunk k + 1 is read while the worker verifies chunk k; tallies and
+  // progress are still taken chunk by chunk in order.
+  Tally verify(std::vector<double>& samples) {
+    Tally total;
+    std::optional<double> latest;
+    std::optional<Verified> previous;
+    const auto settle = [&](Verified& done) {
+      if (done.onWorker) {
+        worker_.wait();
+        done.tally = workerTally_;
+      }
+      if (done.sample) latest = done.sample;
+      total.intact += done.tally.intact;
+      total.aliased += done.tally.aliased;
+      total.corrupt += done.tally.corrupt;
+      if (!total.firstBad) total.firstBad = done.tally.firstBad;
+      report(CheckProgress::Phase::verifying, done.end, latest);
+    };
+
+    int current = 0;
+    for (std::uint64_t first = 0; first < blocks_; first += perChunk_) {
+      cancel_.throwIfCancelled();
+      const std::span<std::uint8_t> target = chunk(current, first);
+      const std::uint64_t count = target.size() / kBlock;
+      const double before = secondsNow(clock_);
+      std::optional<std::size_t> got;
+      try {
+        got = device_.readInto(first * kBlock, target);
+      } catch (const DeviceError&) {
+      }
+      const double elapsed = secondsNow(clock_) - before;
+      if (previous) settle(*previous);
+
+      Verified now;
+      now.end = first * kBlock + target.size();
+      if (got) {
+        now.sample = megabytesPerSecond(static_cast<double>(*got), elapsed);
+        samples.push_back(*now.sample);
+        now.onWorker = true;
+        worker_.submit([this, bytes = target.first(*got), first, count] {
+          workerTally_ = verifyChunk(pattern_, bytes, first, count);
+        });
+      } else {
+        now.tally = readBlockwise(device_, first, count, pattern_, scratch_.span());
+      }
+      previous = now;
+      current = 1 - current;
+    }
+    if (previous) settle(*previous);
+    return total;
+  }
+
+ private:
+  // A chunk read back, waiting for its tally.
+  struct Verified {
+    std::uint64_t end = 0;  // byte offset just past the chunk
+    std::optional<double> sample;
+    Tally tally;
+    bool onWorker = false;
+  };
+
+  std::size_t bufferBytes() const {
+    return static_cast<std::size_t>(std::min(perChunk_, blocks_) * kBlock);
+  }
+
+  // Buffer `which`, cut to the length of the chunk starting at block first.
+  std::span<std::uint8_t> chunk(int which, std::uint64_t first) {
+    const std::uint64_t length = std::min(perChunk_, blocks_ - first) * kBlock;
+    return buffers_[which].span().first(static_cast<std::size_t>(length));
+  }
+
+  void report(CheckProgress::Phase phase, std::uint64_t completed, std::optional<double> mbps) {
+    if (!progress_) return;
+    progress_(CheckProgress{phase, completed, blocks_ * kBlock,
+                            mbps ? std::optional(*mbps * 1e6) : std::nullopt});
+  }
+
+  BlockDevice& device_;
+  std::uint64_t blocks_;
+  std::uint64_t perChunk_;
+  const SecondsClock& clock_;
+  const CancellationFlag& cancel_;
+  const ProgressCallback& progress_;
+  const TestPattern pattern_{randomNonZeroSeed()};
+  AlignedBuffer buffers_[2];
+  AlignedBuffer scratch_;
+  Tally workerTally_;  // written by the worker's verification job
+  Worker worker_;      // last: joined before the buffers it uses are freed
+};
+
 }  // namespace
 
 FullTest::Result FullTest::run(BlockDevice& device, const CancellationFlag& cancel,
@@ -147,118 +285,16 @@ FullTest::Result FullTest::run(BlockDevice& device, const CancellationFlag& canc
   const std::uint64_t tested = blocks * kBlock;
   const std::uint64_t perChunk =
       chunkBytes >= static_cast<std::int64_t>(kBlock) ? toUnsigned(chunkBytes) / kBlock : 1;
-  const TestPattern pattern(randomNonZeroSeed());
-  const auto chunkLength = [&](std::uint64_t first) {
-    return std::min(perChunk, blocks - first) * kBlock;
-  };
-
-  // Two chunk buffers for the whole run; the worker is declared after them so
-  // it is joined before they are freed.
-  const auto bufferBytes = static_cast<std::size_t>(std::min(perChunk, blocks) * kBlock);
-  AlignedBuffer buffers[2] = {AlignedBuffer(bufferBytes), AlignedBuffer(bufferBytes)};
-  AlignedBuffer scratch(kBlock);
-  Tally workerTally;  // written by the worker's verification job
-  Worker worker;
+  Passes passes(device, blocks, perChunk, clock, cancel, progress);
 
   Result result;
   std::vector<double> writeSamples;
-  writeSamples.reserve(static_cast<std::size_t>(blocks / perChunk + 1));
-
-  // Write pass: chunk k goes to the device while the worker builds k + 1.
-  int current = 0;
-  pattern.fill(0, buffers[current].span().first(static_cast<std::size_t>(chunkLength(0))));
-  for (std::uint64_t first = 0; first < blocks; first += perChunk) {
-    cancel.throwIfCancelled();
-    const std::uint64_t length = chunkLength(first);
-    const std::uint64_t next = first + perChunk;
-    if (next < blocks) {
-      const std::span<std::uint8_t> target =
-          buffers[1 - current].span().first(static_cast<std::size_t>(chunkLength(next)));
-      worker.submit([&pattern, target, next] { pattern.fill(next, target); });
-    }
-    const double before = secondsNow(clock);
-    try {
-      device.write(first * kBlock, buffers[current].span().first(static_cast<std::size_t>(length)));
-    } catch (const WriteError&) {
-      ++result.writeErrors;
-    }
-    const double sample =
-        megabytesPerSecond(static_cast<double>(length), secondsNow(clock) - before);
-    writeSamples.push_back(sample);
-    if (progress) {
-      progress(CheckProgress{CheckProgress::Phase::writing, first * kBlock + length, tested,
-                             sample * 1e6});
-    }
-    if (next < blocks) worker.wait();
-    current = 1 - current;
-  }
-
-  device.synchronize();
-
-  // Verify pass: chunk k + 1 is read while the worker verifies chunk k. A
-  // chunk's tally and progress are taken in order, after its verification.
-  struct Pending {
-    std::uint64_t first = 0;
-    std::uint64_t length = 0;
-    std::optional<double> sample;
-    Tally tally;
-    bool onWorker = false;
-  };
   std::vector<double> readSamples;
-  readSamples.reserve(writeSamples.size());
-  Tally total;
-  std::optional<double> latestSample;
-  std::optional<Pending> pending;
-
-  const auto finish = [&](Pending& chunk) {
-    if (chunk.onWorker) {
-      worker.wait();
-      chunk.tally = workerTally;
-    }
-    if (chunk.sample) latestSample = chunk.sample;
-    total.intact += chunk.tally.intact;
-    total.aliased += chunk.tally.aliased;
-    total.corrupt += chunk.tally.corrupt;
-    if (!total.firstBad) total.firstBad = chunk.tally.firstBad;
-    if (progress) {
-      progress(CheckProgress{CheckProgress::Phase::verifying, chunk.first * kBlock + chunk.length,
-                             tested,
-                             latestSample ? std::optional(*latestSample * 1e6) : std::nullopt});
-    }
-  };
-
-  current = 0;
-  for (std::uint64_t first = 0; first < blocks; first += perChunk) {
-    cancel.throwIfCancelled();
-    Pending chunk{first, chunkLength(first), std::nullopt, {}, false};
-    const std::span<std::uint8_t> target =
-        buffers[current].span().first(static_cast<std::size_t>(chunk.length));
-    const double before = secondsNow(clock);
-    std::optional<std::size_t> got;
-    try {
-      got = device.readInto(first * kBlock, target);
-    } catch (const DeviceError&) {
-    }
-    const double elapsed = secondsNow(clock) - before;
-    if (pending) finish(*pending);
-    if (got) {
-      chunk.sample = megabytesPerSecond(static_cast<double>(*got), elapsed);
-      readSamples.push_back(*chunk.sample);
-    } else {
-      chunk.tally = readBlockwise(device, first, chunk.length / kBlock, pattern, scratch.span());
-    }
-    pending = std::move(chunk);
-    if (got) {
-      pending->onWorker = true;
-      const std::span<const std::uint8_t> bytes = target.first(*got);
-      const std::uint64_t count = pending->length / kBlock;
-      worker.submit([&pattern, &workerTally, bytes, first, count] {
-        workerTally = verifyChunk(pattern, bytes, first, count);
-      });
-    }
-    current = 1 - current;
-  }
-  if (pending) finish(*pending);
+  writeSamples.reserve(static_cast<std::size_t>(blocks / perChunk + 1));
+  readSamples.reserve(writeSamples.capacity());
+  result.writeErrors = passes.write(writeSamples);
+  device.synchronize();
+  const Tally total = passes.verify(readSamples);
 
   result.goodBlocks = total.intact;
   result.aliasedBlocks = total.aliased;
@@ -271,8 +307,10 @@ FullTest::Result FullTest::run(BlockDevice& device, const CancellationFlag& canc
   result.holdsBytes = toUnsigned(result.goodBlocks) * kBlock;
 
   const std::int64_t bad = result.aliasedBlocks + result.corruptBlocks;
-  if (bad == 0 && result.writeErrors == 0) {
+  const bool clean = bad == 0 && result.writeErrors == 0;
+  if (clean) {
     result.verdict = Result::Verdict::genuine;
+    result.speedClass = highestMet(result.write.sustainedMBps);
   } else if (result.aliasedBlocks > 0) {
     result.verdict = Result::Verdict::counterfeit;
   } else if (bad > 0) {
@@ -284,8 +322,6 @@ FullTest::Result FullTest::run(BlockDevice& device, const CancellationFlag& canc
   } else {
     result.verdict = Result::Verdict::failing;
   }
-  if (bad == 0 && result.writeErrors == 0)
-    result.speedClass = highestMet(result.write.sustainedMBps);
   result.duration = secondsNow(clock) - start;
   return result;
 }
