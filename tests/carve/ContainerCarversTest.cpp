@@ -144,6 +144,31 @@ TEST(IsoBmffCarverTest, TruncatedOrOverlappingDataEndsHeuristically) {
   EXPECT_EQ(carveBytes(isoBmffCarver(), noContent), std::nullopt);
 }
 
+TEST(IsoBmffCarverTest, ManyBoxesAreSearchedOnceEach) {
+  // A fragmented video: 300 moof/mdat pairs of 16 KiB, with a second file's
+  // start planted in the last mdat.
+  Bytes file = sampleIsoBmff("isom", {{"moov", 100}});
+  for (int i = 0; i < 300; ++i) {
+    appendBox(file, "moof", Bytes(100, 0x01));
+    appendBox(file, "mdat", Bytes(16'384, 0x02));
+  }
+  const std::size_t end = file.size();
+  const Bytes second = sampleIsoBmff("isom", {{"moov", 10}, {"mdat", 10}});
+  const std::size_t secondAt = end - 1000;
+  place(file, secondAt, second);
+  ScriptedSource source(file);
+  std::uint64_t bytesRead = 0;
+  source.beforeRead = [&](std::uint64_t, std::size_t count) { bytesRead += count; };
+  ReadContext context(source);
+  EXPECT_EQ(isoBmffCarver().carve(0, context), video(secondAt, CarveConfidence::heuristic));
+  EXPECT_LT(bytesRead, 2 * file.size());
+
+  // Without the second file the walk ends exactly after the last box.
+  Bytes whole(file.begin(), file.begin() + static_cast<long>(secondAt));
+  whole.resize(end, 0x02);
+  EXPECT_EQ(carveBytes(isoBmffCarver(), whole), video(end));
+}
+
 TEST(RiffCarverTest, LengthComesFromTheChunkSize) {
   Bytes wav;
   append(wav, "RIFF");

@@ -41,6 +41,26 @@ CarveMatch matchFor(std::uint64_t length, const std::string& brand, CarveConfide
   return CarveMatch{length, std::string(kind.ext), kind.category, confidence};
 }
 
+// The next file start inside what the walk has covered. Each call searches
+// only what earlier calls have not, which gives the same answer as searching
+// again from the file's start after every box, at a cost linear in the file
+// (a fragmented video has thousands of boxes).
+class CoveredSearch {
+ public:
+  explicit CoveredSearch(std::uint64_t start) : after_(start) {}
+
+  std::optional<std::uint64_t> upTo(std::uint64_t before, ReadContext& context) {
+    const auto found = isoBmffNextFileStart(after_, before, context);
+    // A search that ran (after_ + 16 < before) has looked at every "ftyp"
+    // from after_ + 8 that ends by `before`; the next one starts after those.
+    if (!found && after_ + 16 < before) after_ = before - 11;
+    return found;
+  }
+
+ private:
+  std::uint64_t after_;
+};
+
 // Walks the top-level boxes, trusting their sizes, and watches for the start
 // of another file inside what they cover.
 class IsoBmffCarver final : public FormatCarver {
@@ -64,6 +84,7 @@ class IsoBmffCarver final : public FormatCarver {
 
     const std::uint64_t limit = std::min(start + walkLimit, context.size());
     std::uint64_t pos = start;
+    CoveredSearch covered(start);
     int boxes = 0;
     bool content = false;
     while (pos + 8 <= limit) {
@@ -84,11 +105,11 @@ class IsoBmffCarver final : public FormatCarver {
       const bool isMdat = type == "mdat";
       if (limit - pos < size) {
         if (!content && !isMdat) return std::nullopt;
-        const auto next = isoBmffNextFileStart(start, limit, context);
+        const auto next = covered.upTo(limit, context);
         return matchFor(next.value_or(limit) - start, brand, CarveConfidence::heuristic);
       }
       pos += size;
-      if (const auto next = isoBmffNextFileStart(start, pos, context)) {
+      if (const auto next = covered.upTo(pos, context)) {
         if (!content && !isMdat) return std::nullopt;
         return matchFor(*next - start, brand, CarveConfidence::heuristic);
       }
