@@ -90,7 +90,7 @@ TEST(QuickCheck, NeedsSixteenWholeUnits) {
   }
 }
 
-TEST(QuickCheck, ProbesSpreadPointsInTheDesignedOrder) {
+TEST(QuickCheck, ProbesSpreadPointsAscendingAndWritesDescending) {
   // 5000 whole units and a partial one that is never probed.
   const std::uint64_t units = 5000;
   SimulatedDevice card(units * kUnit + 100, std::nullopt, Overflow::wrap, 4);
