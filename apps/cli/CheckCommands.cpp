@@ -3,10 +3,13 @@
 #include <cstdio>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
+#include <string_view>
 
 #include "Cli.h"
 #include "Commands.h"
+#include "Erasing.h"
 #include "Options.h"
 #include "Target.h"
 #include "Terminal.h"
@@ -94,34 +97,114 @@ bool confirmErase(const std::string& what, const std::string& word,
   return true;
 }
 
-int runQuick(const std::vector<std::string>& words) {
-  const Options options(words, {"--json"}, {}, 1, 1);
-  Target target = openTarget(options.positional()[0]);
+namespace {
+
+// What may follow a Quick Check with --then: the erasing actions, with the
+// options each takes (checked before the Quick Check starts).
+struct FollowUp {
+  std::string_view name;
+  CheckAction action;
+  std::set<std::string> flags;
+  std::set<std::string> valued;
+  int (*run)(const std::vector<std::string>& words);
+};
+
+const FollowUp& followUp(const std::string& name) {
+  static const FollowUp kFollowUps[] = {
+      {"full", CheckAction::full, {"--json"}, {"--confirm", "--backup"}, runFull},
+      {"format", CheckAction::format, {"--json"}, {"--fs", "--name", "--confirm"}, runFormat},
+  };
+  for (const FollowUp& next : kFollowUps) {
+    if (next.name == name) return next;
+  }
+  throw UsageError("--then takes full or format, not " + name + ".");
+}
+
+// Runs the Quick Check and prints its outcome; a fake capacity on a disk is
+// remembered for the rest of the process.
+QuickCheck::Result quickCheck(const std::string& argument, bool json) {
+  Target target = openTarget(argument, CheckAction::quick);
   try {
     const QuickCheck::Result result = runWithProgress([&](auto& cancel, auto progress) {
       return QuickCheck{}.run(*target.device, cancel, progress);
     });
-    printOutcome(result, target.card, options.has("--json"));
-    return result.verdict == QuickCheck::Result::Verdict::genuine ? kGoodVerdict : kBadVerdict;
+    if (result.verdict == QuickCheck::Result::Verdict::counterfeit && target.identity) {
+      markProvenFake(target.identity->deviceIdentifier);
+    }
+    printOutcome(result, target.card, json);
+    return result;
   } catch (const Error&) {
     rethrowNamingTarget(target.argument);
   }
 }
 
-int runFull(const std::vector<std::string>& words) {
-  const Options options(words, {"--json"}, {"--confirm"}, 1, 1);
-  Target target = openTarget(options.positional()[0]);
-  if (!confirmErase(target.argument, target.confirmWord, options.value("--confirm"))) {
+int exitCodeOf(const QuickCheck::Result& result) {
+  return result.verdict == QuickCheck::Result::Verdict::genuine ? kGoodVerdict : kBadVerdict;
+}
+
+// quick TARGET --then ACTION [its options]: the erasing action runs only when
+// the Quick Check proved the capacity fake, and then under the guard's
+// claimed-capacity allowance, so a fake that claims more than 4 TB can be
+// erased.
+int runQuickThen(const std::string& then, const std::vector<std::string>& rest) {
+  const FollowUp& next = followUp(then);
+  const Options options(rest, next.flags, next.valued, 1, 1);
+  const std::string& argument = options.positional()[0];
+  const std::optional<std::string> disk = diskName(argument);
+  if (!disk) {
+    throw UsageError("--then is for disks (like sdb): demo cards and image files need no Quick " +
+                     std::string("Check first. Run vellum-check ") + std::string(next.name) + " " +
+                     argument + " directly.");
+  }
+  if (const auto given = options.value("--confirm"); given && *given != *disk) {
+    confirmErase(*disk, *disk, given);  // says what to type instead
     return kUsage;
   }
+  const QuickCheck::Result result = quickCheck(argument, options.has("--json"));
+  if (result.verdict != QuickCheck::Result::Verdict::counterfeit) {
+    std::fprintf(stderr, "The Quick Check found no fake capacity, so the %.*s was not run.\n",
+                 static_cast<int>(title(next.action).size()), title(next.action).data());
+    return exitCodeOf(result);
+  }
+  if (!options.has("--json")) std::printf("\n");
+  std::fflush(stdout);
+  const int code = next.run(rest);
+  // The card is fake whatever the second action found.
+  return code == kGoodVerdict ? kBadVerdict : code;
+}
+
+}  // namespace
+
+int runQuick(const std::vector<std::string>& words) {
+  std::vector<std::string> rest;
+  std::optional<std::string> then;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == "--then") {
+      if (i + 1 == words.size()) throw UsageError("--then needs a value.");
+      then = words[++i];
+    } else if (words[i].rfind("--then=", 0) == 0) {
+      then = words[i].substr(7);
+    } else {
+      rest.push_back(words[i]);
+    }
+  }
+  if (then) return runQuickThen(*then, rest);
+  const Options options(rest, {"--json"}, {}, 1, 1);
+  return exitCodeOf(quickCheck(options.positional()[0], options.has("--json")));
+}
+
+int runFull(const std::vector<std::string>& words) {
+  const Options options(words, {"--json"}, {"--confirm", "--backup"}, 1, 1);
+  std::optional<Target> target = prepareErase(options.positional()[0], CheckAction::full, options);
+  if (!target) return kUsage;
   try {
     const FullTest::Result result = runWithProgress([&](auto& cancel, auto progress) {
-      return FullTest{}.run(*target.device, cancel, progress);
+      return FullTest{}.run(*target->device, cancel, progress);
     });
-    printOutcome(result, target.card, options.has("--json"));
+    printOutcome(result, target->card, options.has("--json"));
     return result.verdict == FullTest::Result::Verdict::genuine ? kGoodVerdict : kBadVerdict;
   } catch (const Error&) {
-    rethrowNamingTarget(target.argument);
+    rethrowNamingTarget(target->argument);
   }
 }
 

@@ -4,9 +4,12 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Options.h"
+#include "Target.h"
 #include "devices/FileSystem.h"
-#include "platform/DeviceGuard.h"
+#include "devices/WriteError.h"
 #include "platform/DiskFormatter.h"
+#include "summary/ResultSummary.h"
+#include "summary/SummaryText.h"
 
 namespace vellum::cli {
 namespace {
@@ -18,30 +21,45 @@ FileSystem chosenFileSystem(const std::optional<std::string>& given, std::uint64
   throw UsageError("--fs takes exfat or fat32, not " + *given + ".");
 }
 
+std::string_view jsonName(FileSystem fileSystem) {
+  return fileSystem == FileSystem::exfat ? "exfat" : "fat32";
+}
+
 }  // namespace
 
 int runFormat(const std::vector<std::string>& words) {
   const Options options(words, {"--json"}, {"--fs", "--name", "--confirm"}, 1, 1);
-  std::string disk = options.positional()[0];
-  if (disk.rfind("/dev/", 0) == 0) disk.erase(0, 5);
+  const std::string& argument = options.positional()[0];
+  // Check the option before the guard runs, so a typo costs nothing.
+  if (const auto given = options.value("--fs")) chosenFileSystem(given, 0);
+  if (argument.rfind("demo:", 0) == 0) {
+    throw WriteError::refused("Simulated cards can't be formatted.");
+  }
+  if (!diskName(argument)) {
+    throw WriteError::refused(argument +
+                              " is not a disk. Only disks (like sdb) can be formatted; a disk "
+                              "image file can be attached with losetup first.");
+  }
 
-  const DiskIdentity identity = DeviceGuard::inspect(disk, Allowance::standard);
+  const Target target = inspectTarget(argument, CheckAction::format);
+  const DiskIdentity& identity = *target.identity;
   const FileSystem fileSystem = chosenFileSystem(options.value("--fs"), identity.sizeBytes);
   const std::string label = DiskFormatter::sanitizedName(options.value("--name").value_or(""));
-  // The word to type is the disk's own name, so a slip of the finger cannot
-  // format another disk.
-  if (!confirmErase(disk, disk, options.value("--confirm"))) return kUsage;
+  if (!confirmErase(identity.deviceIdentifier, target.confirmWord, options.value("--confirm"))) {
+    return kUsage;
+  }
 
   const std::string type(displayName(fileSystem));
   if (!options.has("--json")) {
-    std::fprintf(stderr, "Formatting %s as %s named %s...\n", disk.c_str(), type.c_str(),
-                 label.c_str());
+    std::fprintf(stderr, "Formatting %s as %s named %s\u2026\n", identity.deviceIdentifier.c_str(),
+                 type.c_str(), label.c_str());
   }
   DiskFormatter::format(identity, fileSystem, label);
   if (options.has("--json")) {
-    printJson({{"disk", disk}, {"fileSystem", type}, {"name", label}});
+    printJson({{"fileSystem", jsonName(fileSystem)}, {"name", label}});
   } else {
-    std::printf("Formatted %s as %s named %s.\n", disk.c_str(), type.c_str(), label.c_str());
+    std::fputs(renderText(ResultSummary(Formatted{fileSystem, label}, target.card)).c_str(),
+               stdout);
   }
   return kGoodVerdict;
 }

@@ -1,20 +1,34 @@
 #include "Target.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <filesystem>
 #include <regex>
+#include <set>
 
 #include "Options.h"
 #include "bytes/FileSource.h"
 #include "devices/FileDescriptorDevice.h"
 #include "devices/WriteError.h"
+#include "platform/DeviceGuard.h"
+#include "platform/DeviceWriteAccess.h"
+#include "platform/DiskEnumerator.h"
+#include "platform/RawDeviceAccess.h"
 
 namespace vellum::cli {
 namespace {
 
 constexpr const char* kTargetHelp =
-    "Give demo:genuine, demo:fake, demo:failing or the path of a disk image file.";
+    "Give a disk name (like sdb), demo:genuine, demo:fake, demo:failing or the path of a disk "
+    "image file.";
+
+std::set<std::string>& provenFake() {
+  static std::set<std::string> disks;
+  return disks;
+}
 
 std::optional<SimulatedCard> demoCard(const std::string& argument) {
   if (argument.rfind("demo:", 0) != 0) return std::nullopt;
@@ -23,10 +37,9 @@ std::optional<SimulatedCard> demoCard(const std::string& argument) {
   return card;
 }
 
-// Real disks are named like sdb, mmcblk0 or /dev/sdb.
 bool looksLikeDisk(const std::string& argument) {
   static const std::regex disk(
-      "^(/dev/)?(sd[a-z]+|mmcblk[0-9]+|nvme[0-9]+n[0-9]+|loop[0-9]+|vd[a-z]+)"
+      "^(sd[a-z]+|mmcblk[0-9]+|nvme[0-9]+n[0-9]+|loop[0-9]+|vd[a-z]+|hd[a-z]+|xvd[a-z]+)"
       "(p?[0-9]+)?$");
   return std::regex_match(argument, disk);
 }
@@ -36,10 +49,6 @@ void checkImagePath(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) {
     const int error = errno;
-    if (error == ENOENT && looksLikeDisk(path)) {
-      throw WriteError::refused(path + " is a disk name. Testing real disks isn't available yet; " +
-                                "test a disk image file or a demo card instead.");
-    }
     if (error == ENOENT) {
       throw WriteError::refused("There is no file at " + path + ". " + kTargetHelp);
     }
@@ -49,27 +58,95 @@ void checkImagePath(const std::string& path) {
     throw WriteError::refused(path + " is a folder, not a disk image file. " + kTargetHelp);
   }
   if (S_ISBLK(status.st_mode)) {
-    throw WriteError::refused(path + " is a disk. Testing real disks isn't available yet; " +
-                              "test a disk image file or a demo card instead.");
+    throw WriteError::refused(path + " is a disk outside /dev. Give its name instead, like sdb.");
   }
   if (!S_ISREG(status.st_mode)) {
     throw WriteError::refused(path + " is not a regular disk image file. " + kTargetHelp);
   }
 }
 
+// The card row of the summaries: the disk as the picker lists it (volume
+// names, media name), else what the guard or the open device told.
+Card diskCard(const std::string& name, const std::string& mediaName, std::uint64_t size) {
+  for (ExternalDisk& disk : DiskEnumerator::externalDisks(true)) {
+    if (disk.deviceIdentifier == name) return Card{std::move(disk)};
+  }
+  return Card{ExternalDisk{name, mediaName, size, {}}};
+}
+
 }  // namespace
 
-Target openTarget(const std::string& argument) {
+std::optional<std::string> diskName(const std::string& argument) {
+  if (argument.rfind("/dev/", 0) == 0) {
+    // Follow /dev/disk/by-id and similar links to the kernel's node.
+    std::error_code error;
+    const std::string resolved = std::filesystem::canonical(argument, error).string();
+    if (!error && resolved.rfind("/dev/", 0) == 0) return resolved.substr(5);
+    return argument.substr(5);
+  }
+  if (argument.empty() || argument.find('/') != std::string::npos) return std::nullopt;
+  if (looksLikeDisk(argument)) return argument;
+  std::error_code error;
+  if (argument != "." && argument != ".." &&
+      std::filesystem::exists(std::filesystem::path("/sys/class/block") / argument, error)) {
+    return argument;
+  }
+  return std::nullopt;
+}
+
+void markProvenFake(const std::string& deviceIdentifier) {
+  provenFake().insert(deviceIdentifier);
+}
+
+Allowance allowanceFor(CheckAction action, const std::string& deviceIdentifier) {
+  if (action == CheckAction::quick || provenFake().contains(deviceIdentifier)) {
+    return Allowance::claimedCapacity;
+  }
+  return Allowance::standard;
+}
+
+Target inspectTarget(const std::string& argument, CheckAction action) {
   Target target;
   target.argument = argument;
   target.confirmWord = "erase";
   if (const auto demo = demoCard(argument)) {
+    target.kind = Target::Kind::demo;
     target.card = Card{*demo};
     target.device = makeDevice(*demo);
     return target;
   }
+  if (const auto name = diskName(argument)) {
+    target.kind = Target::Kind::disk;
+    // Typing the disk's own name keeps a slip of the finger from erasing
+    // another disk.
+    target.confirmWord = *name;
+    target.identity = DeviceGuard::inspect(*name, allowanceFor(action, *name));
+    target.card = diskCard(*name, target.identity->mediaName, target.identity->sizeBytes);
+    return target;
+  }
   checkImagePath(argument);
-  target.device = FileDescriptorDevice::openImage(argument, 512);
+  target.kind = Target::Kind::imageFile;
+  return target;
+}
+
+void openForWriting(Target& target) {
+  if (target.device) return;
+  if (target.kind == Target::Kind::disk) {
+    if (::geteuid() != 0) {
+      std::fprintf(stderr,
+                   "Waiting for access to the %s. You may be asked for an administrator "
+                   "password.\n",
+                   target.noun().c_str());
+    }
+    target.device = DeviceWriteAccess::open(*target.identity);
+    return;
+  }
+  target.device = FileDescriptorDevice::openImage(target.argument, 512);
+}
+
+Target openTarget(const std::string& argument, CheckAction action) {
+  Target target = inspectTarget(argument, action);
+  openForWriting(target);
   return target;
 }
 
@@ -77,6 +154,11 @@ std::unique_ptr<ByteSource> openSource(const std::string& argument, std::optiona
   if (const auto demo = demoCard(argument)) {
     card = Card{*demo};
     return makeDevice(*demo);
+  }
+  if (const auto name = diskName(argument)) {
+    std::unique_ptr<ByteSource> source = SourceOpener::open("/dev/" + *name);
+    card = diskCard(*name, "", source->size());
+    return source;
   }
   checkImagePath(argument);
   return std::make_unique<FileSource>(argument);

@@ -76,7 +76,7 @@ TEST(CliFormat, AsksForTheDisksNameAndRefusesWhatTheGuardRefuses) {
 
 TEST(CliFormat, FormatsALoopDiskAndReportsToolFailures) {
   VL_REQUIRE_LOOP_DEVICES();
-  for (const char* tool : {"sfdisk", "partx", "mkfs.exfat", "blkid"}) {
+  for (const char* tool : {"sfdisk", "partx", "mkfs.exfat", "mkfs.fat", "blkid"}) {
     if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
   }
   testing::TempDir dir;
@@ -84,14 +84,33 @@ TEST(CliFormat, FormatsALoopDiskAndReportsToolFailures) {
   testing::createSparseFile(image, 256 * kMiB);
   testing::LoopDevice loop(image);
 
-  const testing::ProcessResult result = cli({"format", loop.path(), "--fs", "exfat", "--name",
-                                             "my card", "--confirm", loop.name(), "--json"});
-  ASSERT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_EQ(nlohmann::json::parse(result.out),
-            (nlohmann::json{{"disk", loop.name()}, {"fileSystem", "exFAT"}, {"name", "MYCARD"}}));
-  const std::string found = probe(loop.path() + "p1");
-  EXPECT_NE(found.find("TYPE=exfat\n"), std::string::npos) << found;
-  EXPECT_NE(found.find("LABEL=MYCARD\n"), std::string::npos) << found;
+  struct Case {
+    std::string fileSystem;
+    std::string name;
+    std::string label;
+    std::string type;
+  };
+  for (const Case& c : {Case{"exfat", "my card", "MYCARD", "exfat"},
+                        Case{"fat32", "Holiday-Photos-2024", "HOLIDAYPHOT", "vfat"}}) {
+    SCOPED_TRACE(c.fileSystem);
+    const testing::ProcessResult result =
+        cli({"format", loop.path(), "--fs", c.fileSystem, "--name", c.name, "--confirm",
+             loop.name(), "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(nlohmann::json::parse(result.out),
+              (nlohmann::json{{"fileSystem", c.fileSystem}, {"name", c.label}}));
+    const std::string found = probe(loop.path() + "p1");
+    EXPECT_NE(found.find("TYPE=" + c.type + "\n"), std::string::npos) << found;
+    EXPECT_NE(found.find("LABEL=" + c.label + "\n"), std::string::npos) << found;
+  }
+
+  // Without --json the summary the application shows, with the disk's row.
+  const testing::ProcessResult text =
+      cli({"format", loop.name(), "--name", "cam", "--confirm", loop.name()});
+  ASSERT_EQ(text.exitCode, 0) << text.err;
+  EXPECT_EQ(text.err, "Formatting " + loop.name() + " as FAT32 named CAM\u2026\n");
+  EXPECT_NE(text.out.find("Formatted as FAT32 with the name CAM"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("Disk Image card.img"), std::string::npos) << text.out;
 
   // Too small for a partition at 4 MiB: sfdisk's own words.
   const std::string tiny = dir.file("tiny.img");
@@ -101,7 +120,7 @@ TEST(CliFormat, FormatsALoopDiskAndReportsToolFailures) {
       cli({"format", tinyLoop.name(), "--confirm", tinyLoop.name()});
   EXPECT_EQ(failed.exitCode, 3);
   EXPECT_EQ(failed.err, "Formatting " + tinyLoop.name() +
-                            " as FAT32 named UNTITLED...\n"
+                            " as FAT32 named UNTITLED\u2026\n"
                             "vellum-check: Formatting failed: Start sector 8192 out of range.\n"
                             "Failed to add #1 partition: Numerical result out of range\n");
 }
