@@ -48,7 +48,10 @@ void findUnreadable(ByteSource& source, std::uint64_t offset, std::uint64_t leng
     const std::uint64_t piece = std::min(sector, length - done);
     bool readable = false;
     try {
-      readable = source.readInto(offset + done, buffer.first(static_cast<std::size_t>(piece))) > 0;
+      const std::int64_t badBefore = source.badReads();
+      readable =
+          source.readInto(offset + done, buffer.first(static_cast<std::size_t>(piece))) > 0 &&
+          source.badReads() == badBefore;
     } catch (const DeviceError&) {
     }
     if (!readable) unreadable.push_back(Region{offset + done, toSigned(piece)});
@@ -77,7 +80,11 @@ HealthScan::Result HealthScan::run(ByteSource& source, std::int64_t sectorSize,
     const double before = secondsNow(clock);
     bool readOk = true;
     try {
+      // Disk sources read unreadable sectors as zeros and count them instead
+      // of failing, so a rise in the count is a failed read too.
+      const std::int64_t badBefore = source.badReads();
       source.readInto(offset, buffer.span().first(static_cast<std::size_t>(n)));
+      readOk = source.badReads() == badBefore;
     } catch (const DeviceError&) {
       readOk = false;
     }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <set>
@@ -94,6 +95,41 @@ TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
     EXPECT_EQ(log.reports.front(),
               (CheckProgress{CheckProgress::Phase::reading, 4096, c.size, std::nullopt}));
   }
+}
+
+// Reads like a disk source: unreadable 512-byte sectors come back as zeros
+// and are counted in badReads, never thrown.
+class AbsorbingSource final : public ByteSource {
+ public:
+  AbsorbingSource(std::uint64_t size, std::set<std::uint64_t> badSectors)
+      : size_(size), bad_(std::move(badSectors)) {}
+  std::uint64_t size() const override { return size_; }
+  std::int64_t badReads() const override { return badReads_; }
+  std::string descriptionForReport() const override { return "absorbing"; }
+  std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override {
+    if (offset >= size_) return 0;
+    const std::uint64_t end = std::min<std::uint64_t>(size_, offset + out.size());
+    for (std::uint64_t sector = offset / 512; sector * 512 < end; ++sector) {
+      if (bad_.contains(sector)) ++badReads_;
+    }
+    std::fill(out.begin(), out.end(), std::uint8_t{0});
+    return static_cast<std::size_t>(end - offset);
+  }
+
+ private:
+  std::uint64_t size_;
+  std::set<std::uint64_t> bad_;
+  std::int64_t badReads_ = 0;
+};
+
+TEST(HealthScan, SectorsASourceAbsorbedAsZerosAreUnreadable) {
+  AbsorbingSource source(16384, {3, 4, 20});
+  HealthScan scan;
+  scan.chunkBytes = 4096;
+  const HealthScan::Result result = scan.run(source, 512, CancellationFlag{});
+  EXPECT_EQ(result.verdict, Verdict::unreadableAreas);
+  EXPECT_EQ(result.unreadable, (std::vector<Region>{{1536, 1024}, {10240, 512}}));
+  EXPECT_EQ(result.read.curve.size(), 2u) << "chunks with absorbed sectors give no sample";
 }
 
 TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
