@@ -93,6 +93,40 @@ std::filesystem::path CarveEngine::write(std::uint64_t start, std::uint64_t leng
   return path;
 }
 
+std::optional<CarveMatch> CarveEngine::firstMatch(std::span<const std::uint8_t> chunk,
+                                                  std::uint64_t i, std::uint64_t start) {
+  for (const SignatureEntry& entry : entries_) {
+    const std::uint64_t p = i + entry.offset;
+    if (p + entry.pattern.size() > chunk.size() ||
+        chunk[static_cast<std::size_t>(p)] != entry.firstByte ||
+        std::memcmp(chunk.data() + p, entry.pattern.data(), entry.pattern.size()) != 0)
+      continue;
+    std::optional<CarveMatch> match;
+    try {
+      match = carvers_[entry.carverIndex]->carve(start, context_);
+    } catch (const std::exception&) {
+      continue;  // a carver's failure only means "no file here"
+    }
+    if (match && match->length > 0) return match;
+  }
+  return std::nullopt;
+}
+
+CarvedFile CarveEngine::record(std::uint64_t start, const CarveMatch& match) {
+  CarvedFile file{start,        match.length, match.ext, match.category, match.confidence,
+                  std::nullopt, std::nullopt};
+  if (config_.output == OutputMode::files)
+    file.outputPath = write(start, match.length, match.ext).string();
+  try {
+    const Bytes head = context_.bytes(
+        start, static_cast<std::int64_t>(std::min(match.length, CarvedFile::headDigestBytes)));
+    file.headDigest = CarvedFile::digestHead(head);
+  } catch (const std::exception&) {
+    // Recorded without a digest; an export then copies it unchecked.
+  }
+  return file;
+}
+
 CarveReport CarveEngine::run() {
   const std::uint64_t size = source_.size();
   if (size == 0) throw CarveError::emptySource();
@@ -157,22 +191,8 @@ CarveReport CarveEngine::run() {
         continue;
       }
 
-      std::optional<CarveMatch> match;
       const std::uint64_t start = windowStart + i;
-      for (const SignatureEntry& entry : entries_) {
-        const std::uint64_t p = i + entry.offset;
-        if (p + entry.pattern.size() > got ||
-            chunk[static_cast<std::size_t>(p)] != entry.firstByte ||
-            std::memcmp(chunk.data() + p, entry.pattern.data(), entry.pattern.size()) != 0)
-          continue;
-        try {
-          match = carvers_[entry.carverIndex]->carve(start, context_);
-        } catch (const std::exception&) {
-          match.reset();  // a carver's failure only means "no file here"
-        }
-        if (match && match->length > 0) break;
-        match.reset();
-      }
+      std::optional<CarveMatch> match = firstMatch(chunk, i, start);
       if (!match) {
         i += stride;
         continue;
@@ -183,19 +203,7 @@ CarveReport CarveEngine::run() {
         match->confidence = CarveConfidence::heuristic;
       }
       if (config_.enabledCategories.contains(match->category)) {
-        CarvedFile file{start,        match->length, match->ext, match->category, match->confidence,
-                        std::nullopt, std::nullopt};
-        if (config_.output == OutputMode::files)
-          file.outputPath = write(start, match->length, match->ext).string();
-        try {
-          const Bytes head = context_.bytes(
-              start,
-              static_cast<std::int64_t>(std::min(match->length, CarvedFile::headDigestBytes)));
-          file.headDigest = CarvedFile::digestHead(head);
-        } catch (const std::exception&) {
-          // Recorded without a digest; an export then copies it unchecked.
-        }
-        files.push_back(std::move(file));
+        files.push_back(record(start, *match));
         ++countsByExt[match->ext];
         bytesRecovered += match->length;
       }

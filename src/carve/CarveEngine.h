@@ -67,6 +67,12 @@ class CarveEngine {
 
  private:
   bool isCancelled();
+  // The first carver, in table order, whose signature stands at in-chunk
+  // offset i and that reports a file of non-zero length.
+  std::optional<CarveMatch> firstMatch(std::span<const std::uint8_t> chunk, std::uint64_t i,
+                                       std::uint64_t start);
+  // Writes the file (files mode) and digests its head.
+  CarvedFile record(std::uint64_t start, const CarveMatch& match);
   std::filesystem::path write(std::uint64_t start, std::uint64_t length, const std::string& ext);
 
   ByteSource& source_;
