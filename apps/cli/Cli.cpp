@@ -22,6 +22,10 @@ const Command kCommands[] = {
      "Full Test: writes and verifies every block and rates the speed. Erases everything.", runFull},
     {"health", "health TARGET [--json]",
      "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth},
+    {"wipe", "wipe TARGET [--method zeros|random] [--confirm WORD] [--backup FILE] [--json]",
+     "Wipe: overwrites every block, reads it all back and proves no file can be recovered. "
+     "Erases everything.",
+     runWipe},
     {"image", "image SOURCE DEST", "Saves a byte-for-byte backup image of SOURCE to DEST.",
      runImage},
     {"format", "format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]",

@@ -24,6 +24,7 @@ int runHealth(const std::vector<std::string>& words);
 int runImage(const std::vector<std::string>& words);
 int runList(const std::vector<std::string>& words);
 int runFormat(const std::vector<std::string>& words);
+int runWipe(const std::vector<std::string>& words);
 int runCarve(const std::vector<std::string>& words);
 int runExport(const std::vector<std::string>& words);
 
