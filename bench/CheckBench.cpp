@@ -6,6 +6,7 @@
 #include "checks/FullTest.h"
 #include "checks/QuickCheck.h"
 #include "checks/TestPattern.h"
+#include "checks/Wipe.h"
 #include "summary/Card.h"
 
 namespace vellum {
@@ -56,6 +57,21 @@ void quickCheckFakeDemo(benchmark::State& state) {
   }
 }
 BENCHMARK(quickCheckFakeDemo)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// The whole wipe of the 256 MiB demo card: write, verify and the carving pass
+// over the wiped card (including its scratch folder).
+void wipeGenuineDemo(benchmark::State& state) {
+  const auto device = makeDevice(SimulatedCard::genuine);
+  Wipe wipe;
+  wipe.method = state.range(0) == 0 ? Wipe::Method::zeros : Wipe::Method::random;
+  for (auto _ : state) {
+    CancellationFlag cancel;
+    benchmark::DoNotOptimize(wipe.run(*device, cancel));
+  }
+  state.SetLabel(std::string(rawValue(wipe.method)));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(device->size()));
+}
+BENCHMARK(wipeGenuineDemo)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 }  // namespace vellum
