@@ -1,14 +1,18 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 
 #include "DiskFixtures.h"
 #include "bytes/FileSource.h"
+#include "platform/Process.h"
 #include "support/Subprocess.h"
 #include "support/TempDir.h"
 
@@ -83,6 +87,13 @@ TEST(CliDisk, QuickFullAndHealthOfALoopDisk) {
   // Nothing unreadable; whether a chunk counts as slow depends on the page
   // cache, so the verdict may be healthy or slowAreas.
   EXPECT_EQ(nlohmann::json::parse(health.out).at("unreadable"), nlohmann::json::array());
+
+  // Not fake: the erasing action after --then is not run.
+  const ProcessResult notFake = cli({"quick", name, "--then", "format", "--confirm", name});
+  EXPECT_EQ(notFake.exitCode, 0) << notFake.err;
+  EXPECT_EQ(notFake.err, "The Quick Check found no fake capacity, so the Format was not run.\n");
+  EXPECT_TRUE(contains(notFake.out, "Capacity looks genuine")) << notFake.out;
+  EXPECT_TRUE(readAll(image) == content);
 
   // The word that allows erasing is the disk's name, not "erase".
   const ProcessResult unconfirmed = cli({"full", name, "--confirm", "erase"});
@@ -206,6 +217,67 @@ TEST(CliDisk, BackupIsSavedBeforeTheFullTestAndAFailedOneStopsIt) {
   EXPECT_EQ(nlohmann::json::parse(full.out).at("verdict"), "genuine");
   EXPECT_TRUE(readAll(backup) == content) << "the backup differs from the disk before the test";
   EXPECT_FALSE(readAll(image) == content);
+}
+
+bool isMounted(const std::string& point) {
+  std::ifstream table("/proc/self/mountinfo");
+  std::string line;
+  while (std::getline(table, line)) {
+    if (contains(line, " " + point + " ")) return true;
+  }
+  return false;
+}
+
+// An ext4 volume on the loop disk's first partition, mounted for one scope.
+class MountedVolume {
+ public:
+  MountedVolume(const LoopDevice& loop, const std::string& point) : point_(point) {
+    testing::runProcess({*findProgram("sfdisk"), "--quiet", loop.path()}, "start=2048, type=83\n");
+    loop.updatePartitions();
+    const std::string partition = loop.path() + "p1";
+    testing::runProcess({*findProgram("mkfs.ext4"), "-q", partition});
+    std::filesystem::create_directories(point);
+    mounted_ = ::mount(partition.c_str(), point.c_str(), "ext4", 0, nullptr) == 0;
+  }
+  ~MountedVolume() {
+    // Only if the command under test left it mounted.
+    if (mounted_ && isMounted(point_)) ::umount2(point_.c_str(), MNT_DETACH);
+  }
+  MountedVolume(const MountedVolume&) = delete;
+  MountedVolume& operator=(const MountedVolume&) = delete;
+  bool mounted() const { return mounted_; }
+
+ private:
+  std::string point_;
+  bool mounted_ = false;
+};
+
+TEST(CliDisk, ErasingUnmountsTheDiskButNeverBacksUpOntoIt) {
+  VL_REQUIRE_LOOP_DEVICES();
+  for (const char* tool : {"sfdisk", "partx", "mkfs.ext4"}) {
+    if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
+  }
+  testing::TempDir dir;
+  testing::createSparseFile(dir.file("card.img"), 64 * kMiB);
+  LoopDevice loop(dir.file("card.img"));
+  const std::string name = loop.name();
+  const std::string point = dir.file("mnt");
+  MountedVolume volume(loop, point);
+  ASSERT_TRUE(volume.mounted());
+
+  const std::string onCard = point + "/backup.img";
+  const ProcessResult refused = cli({"full", name, "--backup", onCard, "--confirm", name});
+  EXPECT_EQ(refused.exitCode, 2);
+  EXPECT_TRUE(contains(refused.err, "vellum-check full: " + onCard +
+                                        " is on the card that is about to be erased. Save the "
+                                        "backup on another disk.\n"))
+      << refused.err;
+  EXPECT_TRUE(isMounted(point));
+
+  const ProcessResult full = cli({"full", name, "--confirm", name, "--json"});
+  EXPECT_EQ(full.exitCode, 0) << full.err;
+  EXPECT_EQ(nlohmann::json::parse(full.out).at("verdict"), "genuine");
+  EXPECT_FALSE(isMounted(point)) << "the disk was written while mounted";
 }
 
 TEST(CliDisk, CounterfeitFuseDiskIsCaughtByQuickCheckAndFullTest) {
