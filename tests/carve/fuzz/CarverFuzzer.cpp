@@ -1,5 +1,5 @@
 // libFuzzer entry: the first byte picks a carver of the registry, the rest is
-// the candidate file. Build with clang and -DVELLUM_FUZZ=ON, then run
+// the candidate file. Configure with CXX=clang++ and -DVELLUM_FUZZ=ON, then run
 //   carve_fuzzer -max_len=65536 corpus/
 // A carver must return without crashing, hanging or reading without bound.
 #include <cstddef>
