@@ -65,6 +65,15 @@ void checkImagePath(const std::string& path) {
   }
 }
 
+// Opening a disk the user may not open asks for an administrator password
+// through pkexec; say so before the prompt appears.
+void announceAccess(const std::string& path, int mode, const std::string& noun) {
+  if (::access(path.c_str(), mode) == 0 || errno == ENOENT) return;
+  std::fprintf(stderr,
+               "Waiting for access to the %s. You may be asked for an administrator password.\n",
+               noun.c_str());
+}
+
 // The card row of the summaries: the disk as the picker lists it (volume
 // names, media name), else what the guard or the open device told.
 Card diskCard(const std::string& name, const std::string& mediaName, std::uint64_t size) {
@@ -132,12 +141,7 @@ Target inspectTarget(const std::string& argument, CheckAction action) {
 void openForWriting(Target& target) {
   if (target.device) return;
   if (target.kind == Target::Kind::disk) {
-    if (::geteuid() != 0) {
-      std::fprintf(stderr,
-                   "Waiting for access to the %s. You may be asked for an administrator "
-                   "password.\n",
-                   target.noun().c_str());
-    }
+    announceAccess(target.identity->devicePath(), R_OK | W_OK, target.noun());
     target.device = DeviceWriteAccess::open(*target.identity);
     return;
   }
@@ -156,8 +160,12 @@ std::unique_ptr<ByteSource> openSource(const std::string& argument, std::optiona
     return makeDevice(*demo);
   }
   if (const auto name = diskName(argument)) {
+    Card found = diskCard(*name, "", 0);
+    announceAccess("/dev/" + *name, R_OK, std::string(found.noun()));
     std::unique_ptr<ByteSource> source = SourceOpener::open("/dev/" + *name);
-    card = diskCard(*name, "", source->size());
+    ExternalDisk* disk = std::get_if<ExternalDisk>(&found.kind);
+    if (disk && disk->sizeBytes == 0) disk->sizeBytes = source->size();
+    card = std::move(found);
     return source;
   }
   checkImagePath(argument);
