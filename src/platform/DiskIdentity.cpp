@@ -32,7 +32,7 @@ void to_json(nlohmann::json& json, const DiskIdentity& identity) {
           {"blockSize", identity.blockSize},
           {"mediaName", identity.mediaName},
           {"busProtocol", identity.busProtocol},
-          {"deviceTreePath", identity.deviceTreePath},
+          {"ioRegistryPath", identity.ioRegistryPath},
           {"allowance", identity.allowance}};
 }
 
@@ -42,7 +42,7 @@ void from_json(const nlohmann::json& json, DiskIdentity& identity) {
   json.at("blockSize").get_to(identity.blockSize);
   json.at("mediaName").get_to(identity.mediaName);
   json.at("busProtocol").get_to(identity.busProtocol);
-  json.at("deviceTreePath").get_to(identity.deviceTreePath);
+  json.at("ioRegistryPath").get_to(identity.ioRegistryPath);
   json.at("allowance").get_to(identity.allowance);
 }
 

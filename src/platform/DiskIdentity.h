@@ -28,7 +28,7 @@ struct DiskIdentity {
   std::string busProtocol;
   // The device's sysfs path without "/sys", then "#diskseq=" and the disk
   // sequence number, which changes whenever the medium changes.
-  std::string deviceTreePath;
+  std::string ioRegistryPath;  // the sysfs device path + "#diskseq=N"
   Allowance allowance = Allowance::standard;
 
   bool operator==(const DiskIdentity&) const = default;

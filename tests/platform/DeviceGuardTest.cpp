@@ -301,7 +301,7 @@ TEST(DiskIdentity, EncodesWithFieldNamesAndDecodesBack) {
   const nlohmann::json json = identity;
   EXPECT_EQ(json.dump(),
             R"({"allowance":"claimedCapacity","blockSize":512,"busProtocol":"usb",)"
-            R"("deviceIdentifier":"sdb","deviceTreePath":"/devices/x/block/sdb#diskseq=21",)"
+            R"("deviceIdentifier":"sdb","ioRegistryPath":"/devices/x/block/sdb#diskseq=21",)"
             R"("mediaName":"Generic STORAGE DEVICE","sizeBytes":31914983424})");
   EXPECT_EQ(json.get<DiskIdentity>(), identity);
 
@@ -309,7 +309,7 @@ TEST(DiskIdentity, EncodesWithFieldNamesAndDecodesBack) {
   unknown["allowance"] = "unlimited";
   EXPECT_THROW(unknown.get<DiskIdentity>(), nlohmann::json::exception);
   nlohmann::json missing = json;
-  missing.erase("deviceTreePath");
+  missing.erase("ioRegistryPath");
   EXPECT_THROW(missing.get<DiskIdentity>(), nlohmann::json::exception);
   EXPECT_EQ(rawValue(Allowance::standard), "standard");
   EXPECT_EQ(allowanceFromRawValue("claimedCapacity"), Allowance::claimedCapacity);

@@ -149,8 +149,8 @@ TEST(LoopDevices, EnumeratedAndInspectedAsDiskImages) {
   EXPECT_EQ(identity.busProtocol, "Disk Image");
   EXPECT_EQ(identity.mediaName, "Disk Image card image.img");
   EXPECT_TRUE(
-      identity.deviceTreePath.starts_with("/devices/virtual/block/" + loop.name() + "#diskseq="))
-      << identity.deviceTreePath;
+      identity.ioRegistryPath.starts_with("/devices/virtual/block/" + loop.name() + "#diskseq="))
+      << identity.ioRegistryPath;
   EXPECT_NO_THROW(DeviceGuard::revalidate(identity));
   EXPECT_EQ(refusalOf([&] { DeviceGuard::inspect(loop.name() + "p1", Allowance::standard); }),
             "Only whole disks (like sdb or mmcblk0) can be tested, not " + loop.name() + "p1.");
