@@ -112,12 +112,13 @@ struct FollowUp {
 const FollowUp& followUp(const std::string& name) {
   static const FollowUp kFollowUps[] = {
       {"full", CheckAction::full, {"--json"}, {"--confirm", "--backup"}, runFull},
+      {"wipe", CheckAction::wipe, {"--json"}, {"--confirm", "--method", "--backup"}, runWipe},
       {"format", CheckAction::format, {"--json"}, {"--fs", "--name", "--confirm"}, runFormat},
   };
   for (const FollowUp& next : kFollowUps) {
     if (next.name == name) return next;
   }
-  throw UsageError("--then takes full or format, not " + name + ".");
+  throw UsageError("--then takes full, wipe or format, not " + name + ".");
 }
 
 // Runs the Quick Check and prints its outcome; a fake capacity on a disk is

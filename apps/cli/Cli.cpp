@@ -14,7 +14,7 @@ const Command kCommands[] = {
     {"list", "list [--json] [--include-images]",
      "Lists the memory cards and external drives (disk images too with --include-images).",
      runList},
-    {"quick", "quick TARGET [--json] [--then full|format [ITS OPTIONS]]",
+    {"quick", "quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]",
      "Quick Check: is the capacity real? Keeps your files (about a minute). With --then, "
      "erases a disk proven fake, even one claiming over 4 TB.",
      runQuick},
@@ -65,7 +65,7 @@ void printUsage(std::FILE* out) {
                "  vellum-check list\n"
                "  vellum-check quick sdb\n"
                "  vellum-check full sdb --backup card-backup.img --confirm sdb\n"
-               "  vellum-check quick sdb --then format --fs exfat --confirm sdb\n"
+               "  vellum-check quick sdb --then wipe --confirm sdb\n"
                "  vellum-check quick demo:fake\n"
                "  vellum-check full card.img --confirm erase --json\n"
                "  vellum-check image demo:genuine backup.img\n");

@@ -164,17 +164,17 @@ TEST(CliDisk, GuardRefusalsAreTheErrorWithExitCode3) {
        2,
        "vellum-check quick: --then is for disks (like sdb): demo cards and image files need no "
        "Quick Check first. Run vellum-check full demo:fake directly.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|format [ITS OPTIONS]]\n"},
+       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
       {{"quick", name, "--then", "health"},
        true,
        2,
-       "vellum-check quick: --then takes full or format, not health.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|format [ITS OPTIONS]]\n"},
+       "vellum-check quick: --then takes full, wipe or format, not health.\n"
+       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
       {{"quick", name, "--then", "full", "--fs", "exfat"},
        true,
        2,
        "vellum-check quick: unknown option --fs.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|format [ITS OPTIONS]]\n"},
+       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
       {{"quick", name, "--then", "full", "--confirm", "erase"},
        true,
        2,
@@ -322,20 +322,20 @@ TEST(CliDisk, DrivesOver4TBAreErasedOnlyAfterAQuickCheckProvesThemFake) {
                               " reports more than 4 TB. Vellum only erases drives that size "
                               "after a Quick Check shows the capacity is fake. Run a Quick Check "
                               "first.\n";
-  for (const std::string command : {"full", "format"}) {
+  for (const std::string command : {"full", "wipe", "format"}) {
     const ProcessResult refused = cli({command, name, "--confirm", name});
     EXPECT_EQ(refused.exitCode, 3) << command;
     EXPECT_EQ(refused.err, refusal) << command;
   }
 
-  // With --then the Full Test starts on the proven fake; stopping it once it
+  // With --then the Wipe starts on the proven fake; stopping it once it
   // writes keeps the test short.
   bool stopped = false;
   const ProcessResult run =
       testing::runOnTerminal({"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY,
-                              "quick", name, "--then", "full", "--confirm", name},
+                              "quick", name, "--then", "wipe", "--confirm", name},
                              [&](const std::string& output, int pid, int) {
-                               if (!stopped && contains(output, "Writing"))
+                               if (!stopped && contains(output, "Wiping"))
                                  stopped = ::kill(pid, SIGINT) == 0;
                              });
   EXPECT_TRUE(contains(run.out, "Fake capacity")) << run.out;
