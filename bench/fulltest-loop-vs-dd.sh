@@ -2,6 +2,8 @@
 # Full Test of a 1 GiB loop device through vellum-check against dd with
 # direct I/O on the same loop device. Needs root (losetup).
 # Usage: bench/fulltest-loop-vs-dd.sh BUILD_DIR [RUNS] [IMAGE_DIR]
+# LOOP_DIRECT_IO=on attaches the loop device with --direct-io=on, so writes
+# reach the backing file's disk instead of its page cache.
 set -euo pipefail
 build=${1:?build directory (a Release build)}
 runs=${2:-3}
@@ -28,7 +30,7 @@ PY
 median() { sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 
 dd if=/dev/zero of="$image" bs=8M count=128 status=none
-loop=$(losetup --find --show "$image")
+loop=$(losetup --find --show --direct-io="${LOOP_DIRECT_IO:-off}" "$image")
 name=${loop#/dev/}
 : >"$dir/dd-write" >"$dir/dd-read" >"$dir/full"
 for _ in $(seq "$runs"); do
@@ -41,7 +43,8 @@ ddw=$(median <"$dir/dd-write")
 ddr=$(median <"$dir/dd-read")
 full=$(median <"$dir/full")
 mib=1024
-printf 'median of %d runs on a 1 GiB loop device over a file in %s\n' "$runs" "$(dirname "$dir")"
+printf 'median of %d runs on a 1 GiB loop device (direct-io=%s) over a file in %s\n' "$runs" \
+  "${LOOP_DIRECT_IO:-off}" "$(dirname "$dir")"
 printf 'dd write (oflag=direct):  %6.3f s  %7.1f MiB/s\n' "$ddw" "$(echo "$mib / $ddw" | bc -l)"
 printf 'dd read  (iflag=direct):  %6.3f s  %7.1f MiB/s\n' "$ddr" "$(echo "$mib / $ddr" | bc -l)"
 printf 'Full Test (write + read): %6.3f s  %7.1f MiB/s moved, ratio to dd write+read: %.2f\n' \
