@@ -18,6 +18,7 @@
 #include "checks/FullTest.h"
 #include "checks/HealthScan.h"
 #include "checks/QuickCheck.h"
+#include "checks/Wipe.h"
 #include "devices/WriteError.h"
 #include "summary/ResultSummary.h"
 #include "summary/SummaryText.h"
@@ -160,6 +161,13 @@ int runQuickThen(const std::string& then, const std::vector<std::string>& rest) 
   if (const auto given = options.value("--confirm"); given && *given != *disk) {
     confirmErase(*disk, *disk, given);  // says what to type instead
     return kUsage;
+  }
+  // Values the second action would refuse are refused before the first runs.
+  if (const auto method = options.value("--method"); method && !wipeMethodFromRawValue(*method)) {
+    throw UsageError("--method takes zeros or random, not " + *method + ".");
+  }
+  if (const auto fs = options.value("--fs"); fs && *fs != "exfat" && *fs != "fat32") {
+    throw UsageError("--fs takes exfat or fat32, not " + *fs + ".");
   }
   const QuickCheck::Result result = quickCheck(argument, options.has("--json"));
   if (result.verdict != QuickCheck::Result::Verdict::counterfeit) {

@@ -175,6 +175,16 @@ TEST(CliDisk, GuardRefusalsAreTheErrorWithExitCode3) {
        2,
        "vellum-check quick: unknown option --fs.\n"
        "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
+      {{"quick", name, "--then", "wipe", "--method", "shred", "--confirm", name},
+       true,
+       2,
+       "vellum-check quick: --method takes zeros or random, not shred.\n"
+       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
+      {{"quick", name, "--then", "format", "--fs", "ntfs", "--confirm", name},
+       true,
+       2,
+       "vellum-check quick: --fs takes exfat or fat32, not ntfs.\n"
+       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
       {{"quick", name, "--then", "full", "--confirm", "erase"},
        true,
        2,
