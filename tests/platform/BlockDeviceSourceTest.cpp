@@ -1,112 +1,92 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <vector>
 
-#include "DiskFixtures.h"
+#include "RealDisks.h"
 #include "bytes/DeviceError.h"
 #include "bytes/PositionedIo.h"
+#include "devices/WriteError.h"
 #include "platform/BlockDeviceSource.h"
-#include "support/TempDir.h"
+#include "platform/DeviceWriteAccess.h"
+#include "platform/RawDeviceAccess.h"
+
+// Raw reads of files and loop disks, and the FUSE disk that stands in for
+// counterfeit and failing cards in the card checks' tests.
 
 namespace vellum {
 namespace {
 
 using testing::FuseDisk;
 using testing::LoopDevice;
-using testing::TempDir;
+constexpr std::uint64_t kMiB = 1 << 20;
 
-// Never zero, so a zero-filled sector stands out.
-std::uint8_t patternByte(std::uint64_t position) {
-  return static_cast<std::uint8_t>((position / 512 * 37 + position) % 255 + 1);
-}
-
-Bytes pattern(std::uint64_t offset, std::uint64_t count) {
+// Bytes of [offset, offset + count): never zero, so a zeroed sector stands
+// out, except in the given sectors, which read as zeros.
+Bytes pattern(std::uint64_t offset, std::uint64_t count,
+              const std::vector<std::uint64_t>& zeroSectors = {}, std::uint64_t sectorSize = 512) {
   Bytes bytes(count);
-  for (std::uint64_t i = 0; i < count; ++i)
-    bytes[i] = patternByte(offset + i);
+  for (std::uint64_t i = 0, at = offset; i < count; ++i, ++at) {
+    const bool zero = std::ranges::find(zeroSectors, at / sectorSize) != zeroSectors.end();
+    bytes[i] = zero ? 0 : static_cast<std::uint8_t>((at / 512 * 37 + at) % 255 + 1);
+  }
   return bytes;
 }
 
 void writePattern(const std::string& path, std::uint64_t size) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  ASSERT_TRUE(fd.valid()) << path;
-  const Bytes bytes = pattern(0, size);
-  ASSERT_EQ(pwriteFully(fd.get(), 0, bytes).errnum, 0);
+  const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  ASSERT_EQ(pwriteFully(fd.get(), 0, pattern(0, size)).errnum, 0) << path;
 }
 
 BlockDeviceSource openSource(const std::string& path) {
   return BlockDeviceSource(UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), path);
 }
 
-// The expected bytes of [offset, offset + count) with the given 512-byte
-// sectors read as zeros.
-Bytes withZeroedSectors(std::uint64_t offset, std::uint64_t count,
-                        const std::vector<std::uint64_t>& sectors, std::uint64_t sectorSize) {
-  Bytes bytes = pattern(offset, count);
-  for (std::uint64_t i = 0; i < count; ++i) {
-    for (const std::uint64_t sector : sectors) {
-      if ((offset + i) / sectorSize == sector) bytes[i] = 0;
-    }
-  }
-  return bytes;
-}
-
 TEST(BlockDeviceSource, RegularFileCountsAsDeviceOf512ByteSectors) {
-  TempDir dir;
-  const std::string path = dir.file("image.bin");
+  testing::TempDir dir;
+  const std::string path = dir.file("image.bin"), empty = dir.file("empty.bin");
   testing::writeFile(path, std::string(1000, 'x'));
   writePattern(path, 1000);
   BlockDeviceSource source = openSource(path);
   EXPECT_EQ(source.blockSize(), 512);
   EXPECT_EQ(source.size(), 1000u);
-  EXPECT_EQ(source.descriptionForReport(), path);
   EXPECT_EQ(source.read(990, 20), pattern(990, 10));  // short only at the end
   EXPECT_EQ(source.read(700, 10), pattern(700, 10));
   EXPECT_TRUE(source.read(1000, 10).empty());
   EXPECT_EQ(source.badReads(), 0);
 
-  const std::string empty = dir.file("empty.bin");
   testing::writeFile(empty, "");
-  try {
-    openSource(empty);
-    FAIL() << "an empty file is no device";
-  } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::notAFileOrDevice(empty));
-    EXPECT_EQ(error.description(), empty + " is not a readable file or device.");
-  }
+  EXPECT_EQ(testing::errorText<DeviceError>([&] { openSource(empty); }),
+            empty + " is not a readable file or device.");
 }
 
-TEST(BlockDeviceSource, ReadsAnyRangeOfA4096ByteSectorDisk) {
+TEST(BlockDeviceSource, OpenedAsRawSourceReadsAnyRangeOfA4096ByteSectorDisk) {
   VL_REQUIRE_LOOP_DEVICES();
-  TempDir dir;
-  const std::string image = dir.file("disk.img");
   constexpr std::uint64_t kSize = 1 << 20;
+  testing::TempDir dir;
+  const std::string image = dir.file("disk.img");
   testing::createSparseFile(image, kSize);
   writePattern(image, kSize);
-  LoopDevice loop(image, {.sectorSize = 4096});
-  BlockDeviceSource source = openSource(loop.path());
-  EXPECT_EQ(source.blockSize(), 4096);
-  EXPECT_EQ(source.size(), kSize);
+  const LoopDevice loop(image, {.sectorSize = 4096});
+  const std::unique_ptr<ByteSource> opened = SourceOpener::open(loop.path());
+  auto* source = dynamic_cast<BlockDeviceSource*>(opened.get());
+  ASSERT_NE(source, nullptr);
+  EXPECT_EQ(source->blockSize(), 4096);
+  EXPECT_EQ(source->size(), kSize);
+  EXPECT_EQ(source->descriptionForReport(), loop.path());
 
-  struct Case {
-    std::uint64_t offset;
-    std::int64_t count;
-    std::uint64_t expected;
-  };
-  const Case cases[] = {
+  const std::tuple<std::uint64_t, std::int64_t, std::uint64_t> cases[] = {
       {0, 4096, 4096},    {700, 10, 10},
       {4095, 2, 2},       {1000, 10000, 10000},
       {kSize - 3, 10, 3}, {kSize - 4096, 4096, 4096},
       {kSize, 10, 0},     {123456, 300000, 300000},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.offset);
-    EXPECT_EQ(source.read(c.offset, c.count), pattern(c.offset, c.expected));
-  }
-  EXPECT_EQ(source.badReads(), 0);
+  for (const auto& [offset, count, expected] : cases)
+    EXPECT_EQ(source->read(offset, count), pattern(offset, expected)) << offset;
+  EXPECT_EQ(source->badReads(), 0);
 }
 
 TEST(BlockDeviceSource, UnreadableSectorsComeBackAsZerosAndAreCounted) {
@@ -114,41 +94,75 @@ TEST(BlockDeviceSource, UnreadableSectorsComeBackAsZerosAndAreCounted) {
   constexpr std::uint64_t kSize = 2 << 20;
   FuseDisk disk({.size = kSize, .unreadable = {{0, 0}, {2, 2}, {11, 11}, {1000, 1003}}});
   writePattern(disk.file(), kSize);
-  LoopDevice loop(disk.file(), {.directIo = true});
+  const LoopDevice loop(disk.file(), {.directIo = true});
   BlockDeviceSource source = openSource(loop.path());
   ASSERT_EQ(source.blockSize(), 512);
 
   // 10 bytes at 700 need sector 1 only; its unreadable neighbours are never read.
   EXPECT_EQ(source.read(700, 10), pattern(700, 10));
   EXPECT_EQ(source.badReads(), 0);
-
   // Sectors 8..15 with sector 11 unreadable: 512 zeros in its place, one bad read.
-  EXPECT_EQ(source.read(8 * 512, 8 * 512), withZeroedSectors(8 * 512, 8 * 512, {11}, 512));
+  EXPECT_EQ(source.read(8 * 512, 8 * 512), pattern(8 * 512, 8 * 512, {11}));
   EXPECT_EQ(source.badReads(), 1);
-
   // An unaligned read that ends inside a bad sector.
-  EXPECT_EQ(source.read(11 * 512 - 5, 10), withZeroedSectors(11 * 512 - 5, 10, {11}, 512));
+  EXPECT_EQ(source.read(11 * 512 - 5, 10), pattern(11 * 512 - 5, 10, {11}));
   EXPECT_EQ(source.badReads(), 2);
-
   // The whole disk: every bad sector once, nothing else lost.
-  const Bytes all = source.read(0, kSize);
-  EXPECT_EQ(all, withZeroedSectors(0, kSize, {0, 2, 11, 1000, 1001, 1002, 1003}, 512));
+  EXPECT_EQ(source.read(0, kSize), pattern(0, kSize, {0, 2, 11, 1000, 1001, 1002, 1003}));
   EXPECT_EQ(source.badReads(), 2 + 7);
+
+  // On a 4096-byte-sector disk a bad sector is one bad read too.
+  FuseDisk modern({.size = kSize, .sectorSize = 4096, .unreadable = {{5, 5}}});
+  writePattern(modern.file(), kSize);
+  const LoopDevice modernLoop(modern.file(), {.sectorSize = 4096, .directIo = true});
+  BlockDeviceSource big = openSource(modernLoop.path());
+  ASSERT_EQ(big.blockSize(), 4096);
+  EXPECT_EQ(big.read(0, 65536), pattern(0, 65536, {5}, 4096));
+  EXPECT_EQ(big.badReads(), 1);
+  EXPECT_EQ(big.read(5 * 4096 + 100, 10), Bytes(10, 0));  // a few bytes inside the bad sector
+  EXPECT_EQ(big.badReads(), 2);
 }
 
-TEST(BlockDeviceSource, UnreadableSectorOfA4096ByteSectorDiskIsOneBadRead) {
+TEST(FuseDisk, BehavesLikeACounterfeitCardThatWrapsOrDropsWrites) {
   VL_REQUIRE_FUSE_DISKS();
-  constexpr std::uint64_t kSize = 1 << 20;
-  FuseDisk disk({.size = kSize, .sectorSize = 4096, .unreadable = {{5, 5}}});
-  writePattern(disk.file(), kSize);
-  LoopDevice loop(disk.file(), {.sectorSize = 4096, .directIo = true});
-  BlockDeviceSource source = openSource(loop.path());
-  ASSERT_EQ(source.blockSize(), 4096);
-  EXPECT_EQ(source.read(0, 65536), withZeroedSectors(0, 65536, {5}, 4096));
-  EXPECT_EQ(source.badReads(), 1);
-  // A few bytes inside the bad sector: zeros, one more bad read.
-  EXPECT_EQ(source.read(5 * 4096 + 100, 10), Bytes(10, 0));
-  EXPECT_EQ(source.badReads(), 2);
+  const testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
+  const Bytes first(4096, 0x11), beyond(4096, 0x22);
+  for (const bool wrap : {true, false}) {
+    FuseDisk disk({.size = 64 * kMiB, .realCapacity = 16 * kMiB, .wrap = wrap});
+    const LoopDevice loop(disk.file(), {.directIo = true});
+    const auto device =
+        DeviceWriteAccess::open(DeviceGuard::inspect(loop.name(), Allowance::standard));
+    EXPECT_EQ(device->size(), 64 * kMiB);  // the claimed capacity
+    device->write(4096, first);
+    device->write(16 * kMiB + 4096, beyond);  // past the real capacity: accepted
+    device->synchronize();
+    // Wrapping, the later write landed on the same flash and wins.
+    EXPECT_EQ(device->read(4096, 4096), wrap ? beyond : first) << wrap;
+    EXPECT_EQ(device->read(16 * kMiB + 4096, 4096), wrap ? beyond : Bytes(4096, 0)) << wrap;
+    if (wrap) {
+      EXPECT_EQ(device->read(48 * kMiB + 4096, 4096), beyond);
+    }
+  }
+
+  FuseDisk disk({.size = 8 * kMiB, .unreadable = {{100, 101}}, .unwritable = {{200, 200}}});
+  const LoopDevice loop(disk.file(), {.directIo = true});
+  const auto device =
+      DeviceWriteAccess::open(DeviceGuard::inspect(loop.name(), Allowance::standard));
+  try {
+    device->read(96 * 512, 8 * 512);
+    ADD_FAILURE() << "read an unreadable sector";
+  } catch (const DeviceError& error) {
+    ASSERT_TRUE(error.is<DeviceError::ReadFailed>());
+    EXPECT_EQ(error.as<DeviceError::ReadFailed>()->errnum, EIO);
+  }
+  EXPECT_EQ(device->read(102 * 512, 512), Bytes(512, 0));  // neighbours read fine
+  try {
+    device->write(200 * 512, Bytes(512, 1));
+    ADD_FAILURE() << "wrote an unwritable sector";
+  } catch (const WriteError& error) {
+    EXPECT_EQ(error, WriteError::writeFailed(200 * 512, EIO));
+  }
+  device->write(201 * 512, Bytes(512, 1));
 }
 
 }  // namespace

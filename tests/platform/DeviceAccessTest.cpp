@@ -7,172 +7,108 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <functional>
 
-#include "DiskFixtures.h"
-#include "Machine.h"
+#include "RealDisks.h"
 #include "bytes/DeviceError.h"
 #include "bytes/FileSource.h"
 #include "devices/WriteError.h"
 #include "platform/AuthOpen.h"
 #include "platform/BlockDeviceSource.h"
-#include "platform/DeviceGuard.h"
 #include "platform/DeviceWriteAccess.h"
-#include "platform/Process.h"
 #include "platform/RawDeviceAccess.h"
-#include "support/TempDir.h"
 
 namespace vellum {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::LoopDevice;
+using testing::errorText;
+using testing::ImageDisk;
 using testing::TempDir;
 
 const std::string kHelper = VELLUM_AUTHOPEN_PATH;
-const std::string kStandIn = VELLUM_AUTHOPEN_STANDIN_PATH;
+const AuthOpenCommand kDirect = AuthOpenCommand::direct(kHelper);
 
 AuthOpenCommand standIn(const std::string& mode) {
-  return AuthOpenCommand{{kStandIn, mode}};
+  return AuthOpenCommand{{VELLUM_AUTHOPEN_STANDIN_PATH, mode}};
 }
 
 int accessMode(int fd) {
   return ::fcntl(fd, F_GETFL) & O_ACCMODE;
 }
 
-dev_t deviceNumber(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-  return status.st_rdev;
+bool openExclusively(const std::string& path) {
+  return UniqueFd(::open(path.c_str(), O_RDWR | O_EXCL | O_CLOEXEC)).valid();
 }
 
-int openDescriptorCount() {
-  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
-}
-
-void run(const std::vector<std::string>& argv, const std::string& input = {}) {
-  const ProcessResult result = runProcess(argv, input);
-  ASSERT_TRUE(result.status.succeeded()) << argv.front() << ": " << result.standardError;
-}
-
-// A symlink placed in /dev for one test (devtmpfs, writable by root).
-class DevSymlink {
- public:
-  explicit DevSymlink(const std::string& target)
-      : path_("/dev/vellum-test-" + std::to_string(::getpid())) {
-    fs::remove(path_);
-    fs::create_symlink(target, path_);
+// A symlink in /dev (devtmpfs, writable by root) for one test.
+struct DevSymlink {
+  explicit DevSymlink(const std::string& target) {
+    fs::remove(path);
+    fs::create_symlink(target, path);
   }
-  ~DevSymlink() {
-    std::error_code ignored;
-    fs::remove(path_, ignored);
-  }
-  DevSymlink(const DevSymlink&) = delete;
-  DevSymlink& operator=(const DevSymlink&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
+  ~DevSymlink() { fs::remove(path); }
+  std::string path = "/dev/vellum-test-" + std::to_string(::getpid());
 };
 
-// Puts fd on standard input for one scope (the stand-in helper's "stdin"
-// mode passes on what it finds there).
-class ScopedStdin {
- public:
-  explicit ScopedStdin(int fd) : saved_(::dup(STDIN_FILENO)) { ::dup2(fd, STDIN_FILENO); }
-  ~ScopedStdin() { ::dup2(saved_.get(), STDIN_FILENO); }
-  ScopedStdin(const ScopedStdin&) = delete;
-  ScopedStdin& operator=(const ScopedStdin&) = delete;
-
- private:
-  UniqueFd saved_;
+// Puts fd on standard input for one scope: the stand-in helper's "stdin" mode
+// passes on what it finds there.
+struct ScopedStdin {
+  explicit ScopedStdin(int fd) { ::dup2(fd, STDIN_FILENO); }
+  ~ScopedStdin() { ::dup2(saved.get(), STDIN_FILENO); }
+  UniqueFd saved{::dup(STDIN_FILENO)};
 };
 
-// A sparse disk image attached as a loop device, written as a disk image may
-// be (VL_ALLOW_DISK_IMAGES=1).
-struct ImageDisk {
-  explicit ImageDisk(std::uint64_t size, int sectorSize = 0)
-      : image(dir.file("disk.img")),
-        created((testing::createSparseFile(image, size), true)),
-        loop(image, {.sectorSize = sectorSize}) {}
-
-  DiskIdentity inspect() const { return DeviceGuard::inspect(loop.name(), Allowance::standard); }
-
-  TempDir dir;
-  std::string image;
-  bool created;
-  testing::ScopedEnv allowImages{"VL_ALLOW_DISK_IMAGES", "1"};
-  LoopDevice loop;
-};
-
-TEST(AuthOpenHelper, PassesOneDescriptorForAWholeDisk) {
+TEST(AuthOpenHelper, PassesOneDescriptorForAWholeDiskAndNothingElse) {
   VL_REQUIRE_LOOP_DEVICES();
-  ImageDisk disk(4 << 20);
+  ImageDisk disk(8 << 20);
   const std::string& path = disk.loop.path();
 
-  AuthOpenReply reading = requestDescriptor(AuthOpenCommand::direct(kHelper), path, std::nullopt);
-  ASSERT_EQ(reading.systemError, 0);
+  AuthOpenReply reading = requestDescriptor(kDirect, path, std::nullopt);
   ASSERT_TRUE(reading.fd.valid());
   EXPECT_EQ(accessMode(reading.fd.get()), O_RDONLY);
-  struct stat opened {};
-  ASSERT_EQ(::fstat(reading.fd.get(), &opened), 0);
-  EXPECT_EQ(opened.st_rdev, deviceNumber(path));
+  struct stat opened {
+  }, named{};
+  ASSERT_EQ(::fstat(reading.fd.get(), &opened) | ::stat(path.c_str(), &named), 0);
+  EXPECT_EQ(opened.st_rdev, named.st_rdev);
   EXPECT_NE(::fcntl(reading.fd.get(), F_GETFD) & FD_CLOEXEC, 0);
 
   // Writable opens get O_EXCL added: the claim travels with the descriptor.
-  AuthOpenReply writing = requestDescriptor(AuthOpenCommand::direct(kHelper), path, O_RDWR);
+  AuthOpenReply writing = requestDescriptor(kDirect, path, O_RDWR);
   ASSERT_TRUE(writing.fd.valid());
   EXPECT_EQ(accessMode(writing.fd.get()), O_RDWR);
-  UniqueFd second(::open(path.c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
-  EXPECT_FALSE(second.valid());
+  EXPECT_FALSE(openExclusively(path));
   EXPECT_EQ(errno, EBUSY);
   writing.fd.reset();
-  second.reset(::open(path.c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
-  EXPECT_TRUE(second.valid());
+  EXPECT_TRUE(openExclusively(path));
 
-  // A link under /dev that leads to the disk itself (like /dev/disk/by-id) is fine.
-  DevSymlink link(path);
-  EXPECT_TRUE(requestDescriptor(AuthOpenCommand::direct(kHelper), link.path(), std::nullopt).fd);
-}
+  // A link under /dev to the disk itself (like /dev/disk/by-id) is fine.
+  const DevSymlink toDisk(path);
+  EXPECT_TRUE(requestDescriptor(kDirect, toDisk.path, std::nullopt).fd.valid());
 
-TEST(AuthOpenHelper, RefusesEverythingButAWholeDiskUnderDev) {
-  VL_REQUIRE_LOOP_DEVICES();
-  ImageDisk disk(8 << 20);
-  run({"sfdisk", disk.loop.path()}, "label: dos\nstart=2048, type=83\n");
-  disk.loop.updatePartitions();
-  const std::string partition = disk.loop.path() + "p1";
-  ASSERT_TRUE(fs::is_block_file(partition));
+  const std::string partition = disk.partition();
   const std::string file = disk.dir.file("plain.bin");
   testing::writeFile(file, "not a disk");
-  DevSymlink intoTmp(file);
-
-  struct Case {
-    const char* what;
-    std::string path;
-    std::optional<int> flags;
-  };
-  const Case cases[] = {
+  const DevSymlink intoTmp(file);
+  const std::tuple<const char*, std::string, std::optional<int>> refused[] = {
       {"a partition", partition, std::nullopt},
       {"a writable partition", partition, O_RDWR},
       {"a regular file", file, std::nullopt},
-      {"a /dev symlink to /tmp", intoTmp.path(), std::nullopt},
+      {"a /dev symlink to /tmp", intoTmp.path, std::nullopt},
       {"a way out of /dev", "/dev/.." + file, std::nullopt},
-      {"a relative path", disk.loop.path().substr(1), std::nullopt},
+      {"a relative path", path.substr(1), std::nullopt},
       {"a character device", "/dev/null", std::nullopt},
       {"a missing node", "/dev/vellum-no-such-disk", std::nullopt},
-      {"O_CREAT", disk.loop.path(), O_RDWR | O_CREAT},
-      {"O_TRUNC", disk.loop.path(), O_RDWR | O_TRUNC},
-      {"O_APPEND", disk.loop.path(), O_WRONLY | O_APPEND},
-      {"an access mode of 3", disk.loop.path(), 3},
+      {"O_CREAT", path, O_RDWR | O_CREAT},
+      {"O_TRUNC", path, O_RDWR | O_TRUNC},
+      {"O_APPEND", path, O_WRONLY | O_APPEND},
+      {"an access mode of 3", path, 3},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    const AuthOpenReply reply =
-        requestDescriptor(AuthOpenCommand::direct(kHelper), c.path, c.flags);
-    EXPECT_EQ(reply.systemError, 0);
-    EXPECT_FALSE(reply.fd.valid());
+  for (const auto& [what, target, flags] : refused) {
+    const AuthOpenReply reply = requestDescriptor(kDirect, target, flags);
+    EXPECT_EQ(reply.systemError, 0) << what;
+    EXPECT_FALSE(reply.fd.valid()) << what;
   }
 }
 
@@ -181,7 +117,6 @@ TEST(AuthOpenHelper, TalksOnlyOverAUnixSocket) {
   EXPECT_EQ(result.status, (ExitStatus{true, 1}));
   EXPECT_EQ(result.standardError, "vellum-authopen: standard output must be a Unix socket\n");
   EXPECT_TRUE(result.standardOutput.empty());
-
   for (const auto& argv : std::vector<std::vector<std::string>>{
            {kHelper}, {kHelper, "/dev/null"}, {kHelper, "-o", "2", "/dev/null"}}) {
     result = runProcess(argv);
@@ -194,30 +129,26 @@ TEST(AuthOpenClient, CountsOnlyExactlyOneDescriptorAsAnswer) {
   TempDir dir;
   const std::string file = dir.file("card.bin");
   testing::writeFile(file, "card");
-  const int before = openDescriptorCount();
-  struct Case {
-    const char* mode;
-    bool received;
+  const auto openDescriptors = [] {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), {});
   };
-  for (const Case c : {Case{"nothing", false}, Case{"data-only", false}, Case{"two", false},
-                       Case{"read-only", true}}) {
-    SCOPED_TRACE(c.mode);
-    AuthOpenReply reply = requestDescriptor(standIn(c.mode), file, std::nullopt);
-    EXPECT_EQ(reply.systemError, 0);
-    EXPECT_EQ(reply.fd.valid(), c.received);
+  const auto before = openDescriptors();
+  for (const auto& [mode, received] :
+       {std::pair{"nothing", false}, {"data-only", false}, {"two", false}, {"read-only", true}}) {
+    const AuthOpenReply reply = requestDescriptor(standIn(mode), file, std::nullopt);
+    EXPECT_EQ(reply.systemError, 0) << mode;
+    EXPECT_EQ(reply.fd.valid(), received) << mode;
   }
   // Every descriptor that arrived but did not count was closed.
-  EXPECT_EQ(openDescriptorCount(), before);
-
+  EXPECT_EQ(openDescriptors(), before);
   const AuthOpenReply missing =
       requestDescriptor(AuthOpenCommand::direct(dir.file("no-such-helper")), file, std::nullopt);
   EXPECT_EQ(missing.systemError, ENOENT);
   EXPECT_FALSE(missing.fd.valid());
 }
 
-// Runs body in a child process that has dropped root for nobody, so that
-// opening a disk is refused as it is for an ordinary user. The child's exit
-// code is body's result (0: success).
+// Runs body in a child that dropped root for nobody, so opening a disk is
+// refused as for an ordinary user. The exit code is body's result (0: pass).
 int asNobody(const std::function<int()>& body) {
   const pid_t pid = ::fork();
   if (pid == 0) {
@@ -243,20 +174,14 @@ TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
   ImageDisk disk(1 << 20);
   const std::string path = disk.loop.path();
   const DiskIdentity identity = disk.inspect();
-
   // The stand-in hands back what the test opened as root beforehand.
-  struct Case {
-    const char* what;
-    int openFlags;
-    std::function<int()> body;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, int, std::function<int()>> cases[] = {
       {"reading", O_RDONLY,
        [&] {
          if (::open(path.c_str(), O_RDONLY) >= 0 || errno != EACCES) return 1;
          const std::unique_ptr<ByteSource> source = SourceOpener::open(path, standIn("stdin"));
-         return dynamic_cast<BlockDeviceSource*>(source.get()) && source->size() == (1u << 20) ? 0
-                                                                                               : 2;
+         return dynamic_cast<BlockDeviceSource*>(source.get()) && source->size() == (1 << 20) ? 0
+                                                                                              : 2;
        }},
       {"a refusal", O_RDONLY,
        [&] {
@@ -273,67 +198,48 @@ TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
       {"writing", O_RDWR,
        [&] {
          const auto device = DeviceWriteAccess::open(identity, {standIn("stdin"), true, {}});
-         return device->size() == (1u << 20) && device->isDirect() ? 0 : 5;
+         return device->size() == (1 << 20) && device->isDirect() ? 0 : 5;
        }},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    UniqueFd prepared(::open(path.c_str(), c.openFlags | O_CLOEXEC));
+  for (const auto& [what, flags, body] : cases) {
+    const UniqueFd prepared(::open(path.c_str(), flags | O_CLOEXEC));
     ASSERT_TRUE(prepared.valid());
     const ScopedStdin input(prepared.get());
-    EXPECT_EQ(asNobody(c.body), 0);
+    EXPECT_EQ(asNobody(body), 0) << what;
   }
 }
 
-TEST(SourceOpener, PicksTheSourceByWhatThePathIs) {
+TEST(SourceOpener, OpensFilesAndRefusesWhatIsNeitherFileNorDevice) {
   TempDir dir;
   const std::string file = dir.file("image.bin");
   testing::writeFile(file, std::string(1000, 'v'));
-  const std::string fifo = dir.file("pipe");
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const std::string missing = dir.file("missing");
-
   const std::unique_ptr<ByteSource> source = SourceOpener::open(file);
   ASSERT_NE(dynamic_cast<FileSource*>(source.get()), nullptr);
   EXPECT_EQ(source->size(), 1000u);
   EXPECT_EQ(source->descriptionForReport(), file);
 
-  struct Refusal {
-    std::string path;
-    DeviceError error;
-    std::string text;
-  };
-  const Refusal refusals[] = {
-      {dir.path().string(), DeviceError::notAFileOrDevice(dir.path().string()),
-       dir.path().string() + " is not a readable file or device."},
-      {fifo, DeviceError::notAFileOrDevice(fifo), fifo + " is not a readable file or device."},
-      {missing, DeviceError::cannotOpen(missing, ENOENT),
-       "Could not open " + missing + ": No such file or directory"},
+  const std::string folder = dir.path().string(), fifo = dir.file("pipe"),
+                    missing = dir.file("missing");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::pair<std::string, DeviceError> refusals[] = {
+      {folder, DeviceError::notAFileOrDevice(folder)},
+      {fifo, DeviceError::notAFileOrDevice(fifo)},
+      {missing, DeviceError::cannotOpen(missing, ENOENT)},
       // A character device without a size is not something to read.
-      {"/dev/null", DeviceError::notAFileOrDevice("/dev/null"),
-       "/dev/null is not a readable file or device."},
+      {"/dev/null", DeviceError::notAFileOrDevice("/dev/null")},
   };
-  for (const Refusal& r : refusals) {
-    SCOPED_TRACE(r.path);
+  for (const auto& [path, expected] : refusals) {
     try {
-      SourceOpener::open(r.path);
-      ADD_FAILURE() << "opened";
+      SourceOpener::open(path);
+      ADD_FAILURE() << "opened " << path;
     } catch (const DeviceError& error) {
-      EXPECT_EQ(error, r.error);
-      EXPECT_EQ(error.description(), r.text);
+      EXPECT_EQ(error, expected) << path;
     }
   }
-}
-
-TEST(SourceOpener, OpensABlockDeviceAsRawSource) {
-  VL_REQUIRE_LOOP_DEVICES();
-  ImageDisk disk(3 << 20, 4096);
-  const std::unique_ptr<ByteSource> source = SourceOpener::open(disk.loop.path());
-  const auto* raw = dynamic_cast<BlockDeviceSource*>(source.get());
-  ASSERT_NE(raw, nullptr);
-  EXPECT_EQ(raw->blockSize(), 4096);
-  EXPECT_EQ(raw->size(), 3u << 20);
-  EXPECT_EQ(raw->descriptionForReport(), disk.loop.path());
+  EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(fifo); }),
+            fifo + " is not a readable file or device.");
+  EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(missing); }),
+            "Could not open " + missing + ": No such file or directory");
 }
 
 TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWrites) {
@@ -354,18 +260,13 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWrites) {
   EXPECT_EQ(FileSource(disk.image).read(8192, 4096), block);
 
   // While one writer holds the disk, a second one is told it is in use.
-  try {
-    DeviceWriteAccess::open(identity);
-    FAIL() << "opened twice";
-  } catch (const WriteError& error) {
-    EXPECT_EQ(error.description(), identity.deviceIdentifier +
-                                       " is still in use. Close any apps using the card and "
-                                       "try again.");
-  }
+  EXPECT_EQ(
+      errorText<WriteError>([&] { DeviceWriteAccess::open(identity); }),
+      identity.deviceIdentifier + " is still in use. Close any apps using the card and try again.");
   device.reset();
   EXPECT_NE(DeviceWriteAccess::open(identity), nullptr);
 
-  ImageDisk modern(4 << 20, 4096);
+  const ImageDisk modern(4 << 20, 4096);
   EXPECT_EQ(DeviceWriteAccess::open(modern.inspect())->blockSize(), 4096);
 }
 
@@ -375,60 +276,49 @@ TEST(DeviceWriteAccess, GoesThroughTheHelperWhenAPlainOpenIsRefused) {
   const DiskIdentity identity = disk.inspect();
   const std::string path = disk.loop.path();
 
-  DeviceWriteAccess::Options options{AuthOpenCommand::direct(kHelper), false, {}};
-  std::unique_ptr<FileDescriptorDevice> device = DeviceWriteAccess::open(identity, options);
+  std::unique_ptr<FileDescriptorDevice> device =
+      DeviceWriteAccess::open(identity, {kDirect, false, {}});
   EXPECT_EQ(accessMode(device->fd()), O_RDWR);
   EXPECT_TRUE(device->isDirect());
-  UniqueFd rival(::open(path.c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
-  EXPECT_EQ(errno, EBUSY);
+  EXPECT_FALSE(openExclusively(path));
   device.reset();
 
-  struct Case {
-    AuthOpenCommand helper;
-    WriteError error;
-    std::string text;
-  };
-  const Case cases[] = {
-      {standIn("nothing"), WriteError::authorizationDenied(path),
-       "Permission to write to " + path + " was denied."},
-      {standIn("data-only"), WriteError::authorizationDenied(path),
-       "Permission to write to " + path + " was denied."},
-      {standIn("two"), WriteError::authorizationDenied(path),
-       "Permission to write to " + path + " was denied."},
-      {standIn("read-only"), WriteError::cannotOpen(path, EACCES),
-       "Could not open " + path + " for writing: Permission denied"},
+  const std::string denied = "Permission to write to " + path + " was denied.";
+  const std::pair<AuthOpenCommand, WriteError> cases[] = {
+      {standIn("nothing"), WriteError::authorizationDenied(path)},
+      {standIn("data-only"), WriteError::authorizationDenied(path)},
+      {standIn("two"), WriteError::authorizationDenied(path)},
+      {standIn("read-only"), WriteError::cannotOpen(path, EACCES)},
       {AuthOpenCommand::direct(disk.dir.file("no-such-helper")),
-       WriteError::cannotOpen(path, ENOENT),
-       "Could not open " + path + " for writing: No such file or directory"},
+       WriteError::cannotOpen(path, ENOENT)},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
+  for (const auto& [helper, expected] : cases) {
     try {
-      DeviceWriteAccess::open(identity, {c.helper, false, {}});
-      ADD_FAILURE() << "opened";
+      DeviceWriteAccess::open(identity, {helper, false, {}});
+      ADD_FAILURE() << "opened: " << expected.description();
     } catch (const WriteError& error) {
-      EXPECT_EQ(error, c.error);
-      EXPECT_EQ(error.description(), c.text);
+      EXPECT_EQ(error, expected) << expected.description();
     }
   }
-}
+  EXPECT_EQ(errorText<WriteError>([&] {
+              DeviceWriteAccess::open(identity, {standIn("nothing"), false, {}});
+            }),
+            "Permission to write to " + path + " was denied.");
+  EXPECT_EQ(errorText<WriteError>([&] {
+              DeviceWriteAccess::open(identity, {standIn("read-only"), false, {}});
+            }),
+            "Could not open " + path + " for writing: Permission denied");
 
-TEST(DeviceWriteAccess, RefusesADescriptorOfAnotherSize) {
-  VL_REQUIRE_LOOP_DEVICES();
-  ImageDisk selected(4 << 20);
-  ImageDisk other(6 << 20);
-  // The helper hands back a different disk than the one inspected, as if the
-  // card changed between the checks and the open.
-  UniqueFd wrong(::open(other.loop.path().c_str(), O_RDWR | O_CLOEXEC));
+  // A helper that hands back another disk, as if the card changed between
+  // the checks and the open.
+  const ImageDisk other(6 << 20);
+  const UniqueFd wrong(::open(other.loop.path().c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_TRUE(wrong.valid());
   const ScopedStdin input(wrong.get());
-  try {
-    DeviceWriteAccess::open(selected.inspect(), {standIn("stdin"), false, {}});
-    ADD_FAILURE() << "opened a disk of another size";
-  } catch (const WriteError& error) {
-    EXPECT_EQ(error, WriteError::refused("The opened device doesn't match the selected card. "
-                                         "Nothing was written."));
-  }
+  EXPECT_EQ(errorText<WriteError>([&] {
+              DeviceWriteAccess::open(identity, {standIn("stdin"), false, {}});
+            }),
+            "The opened device doesn't match the selected card. Nothing was written.");
 }
 
 TEST(DeviceWriteAccess, RefusesADiskThatChangedAndUnmountsOneThatIsMounted) {
@@ -438,39 +328,25 @@ TEST(DeviceWriteAccess, RefusesADiskThatChangedAndUnmountsOneThatIsMounted) {
   const std::string changed = "The disk at " + disk.loop.name() +
                               " changed since you selected it. Nothing was written. Select the "
                               "card again.";
-  DiskIdentity identity = disk.inspect();
-
-  DiskIdentity stale = identity;
+  DiskIdentity stale = disk.inspect();
   stale.sizeBytes += 512;
-  try {
-    DeviceWriteAccess::open(stale);
-    FAIL() << "opened a disk of another size";
-  } catch (const WriteError& error) {
-    EXPECT_EQ(error, WriteError::refused(changed));
-  }
+  EXPECT_EQ(errorText<WriteError>([&] { DeviceWriteAccess::open(stale); }), changed);
 
   // A mounted partition is unmounted before the disk is opened.
-  run({"sfdisk", disk.loop.path()}, "label: dos\nstart=2048, type=83\n");
-  disk.loop.updatePartitions();
-  run({"mkfs.ext4", "-q", disk.loop.path() + "p1"});
+  const std::string partition = disk.partition();
+  testing::run({"mkfs.ext4", "-q", partition});
   const std::string mountPoint = disk.dir.file("mnt");
   fs::create_directory(mountPoint);
-  ASSERT_EQ(::mount((disk.loop.path() + "p1").c_str(), mountPoint.c_str(), "ext4", 0, nullptr), 0)
-      << std::strerror(errno);
-  identity = disk.inspect();
-  std::unique_ptr<FileDescriptorDevice> device = DeviceWriteAccess::open(identity);
+  ASSERT_EQ(::mount(partition.c_str(), mountPoint.c_str(), "ext4", 0, nullptr), 0)
+      << errnoText(errno);
+  const DiskIdentity identity = disk.inspect();
+  EXPECT_NE(DeviceWriteAccess::open(identity), nullptr);
   EXPECT_TRUE(DeviceGuard::mountedVolumes(identity.deviceIdentifier).empty());
-  device.reset();
 
   // The image grows after selection: the identity no longer matches.
   fs::resize_file(disk.image, 32 << 20);
-  run({"losetup", "--set-capacity", disk.loop.path()});
-  try {
-    DeviceWriteAccess::open(identity);
-    FAIL() << "opened a resized disk";
-  } catch (const WriteError& error) {
-    EXPECT_EQ(error.description(), changed);
-  }
+  testing::run({"losetup", "--set-capacity", disk.loop.path()});
+  EXPECT_EQ(errorText<WriteError>([&] { DeviceWriteAccess::open(identity); }), changed);
 }
 
 }  // namespace

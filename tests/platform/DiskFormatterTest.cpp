@@ -4,14 +4,10 @@
 #include <regex>
 #include <sstream>
 
-#include "DiskFixtures.h"
-#include "Machine.h"
+#include "RealDisks.h"
 #include "bytes/FileSource.h"
 #include "devices/WriteError.h"
-#include "platform/DeviceGuard.h"
 #include "platform/DiskFormatter.h"
-#include "platform/Process.h"
-#include "support/TempDir.h"
 
 namespace vellum {
 namespace {
@@ -19,15 +15,14 @@ namespace {
 constexpr std::uint64_t kMiB = 1 << 20;
 constexpr std::uint64_t kGiB = 1 << 30;
 
-TEST(DiskFormatter, RecommendsExfatOnlyAbove32Gigabytes) {
-  EXPECT_EQ(DiskFormatter::recommended(0), FileSystem::fat32);
-  EXPECT_EQ(DiskFormatter::recommended(32'000'000'000), FileSystem::fat32);
-  EXPECT_EQ(DiskFormatter::recommended(32'000'000'001), FileSystem::exfat);
-  EXPECT_EQ(DiskFormatter::recommended(2'000'000'000'000), FileSystem::exfat);
-}
-
-TEST(DiskFormatter, SanitizesNamesForEveryCamera) {
-  const std::pair<std::string, std::string> cases[] = {
+TEST(DiskFormatter, RecommendsExfatAbove32GigabytesAndSanitizesNamesForEveryCamera) {
+  for (const auto& [bytes, expected] : {std::pair{0ull, FileSystem::fat32},
+                                        {32'000'000'000ull, FileSystem::fat32},
+                                        {32'000'000'001ull, FileSystem::exfat},
+                                        {2'000'000'000'000ull, FileSystem::exfat}}) {
+    EXPECT_EQ(DiskFormatter::recommended(bytes), expected) << bytes;
+  }
+  const std::pair<std::string, std::string> names[] = {
       {"my card 2024", "MYCARD2024"},
       {"Holiday-Photos-2024", "HOLIDAYPHOT"},
       {"---", "UNTITLED"},
@@ -36,12 +31,11 @@ TEST(DiskFormatter, SanitizesNamesForEveryCamera) {
       {"ABCDEFGHIJK", "ABCDEFGHIJK"},
       {"ABCDEFGHIJKL", "ABCDEFGHIJK"},
       {"a_b.c", "A_BC"},
-      {"\xF0\x9F\x93\xB7 cam", "CAM"},  // emoji dropped
+      {"\xF0\x9F\x93\xB7 cam", "CAM"},
       {"  x  y  ", "XY"},
   };
-  for (const auto& [name, expected] : cases) {
+  for (const auto& [name, expected] : names)
     EXPECT_EQ(DiskFormatter::sanitizedName(name), expected) << name;
-  }
 }
 
 TEST(DiskFormatter, LayoutFollowsTheCapacityAndKeepsTheChosenFileSystem) {
@@ -97,16 +91,14 @@ TEST(DiskFormatter, BuildsPartitionScriptAndFileSystemArguments) {
 Bytes fatBootSector(std::uint16_t bytesPerSector, std::uint16_t reserved, std::uint8_t fats,
                     std::uint32_t sectorsPerFat) {
   Bytes sector(512, 0);
-  const auto put = [&](std::size_t at, std::uint32_t value, std::size_t width) {
-    for (std::size_t i = 0; i < width; ++i)
+  for (const auto& [at, value, width] : {std::tuple{11u, std::uint32_t{bytesPerSector}, 2u},
+                                         {14u, reserved, 2u},
+                                         {16u, fats, 1u},
+                                         {36u, sectorsPerFat, 4u},
+                                         {510u, 0xAA55u, 2u}}) {
+    for (unsigned i = 0; i < width; ++i)
       sector[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
-  };
-  put(11, bytesPerSector, 2);
-  put(14, reserved, 2);
-  put(16, fats, 1);
-  put(36, sectorsPerFat, 4);
-  sector[510] = 0x55;
-  sector[511] = 0xAA;
+  }
   return sector;
 }
 
@@ -117,24 +109,15 @@ TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
   EXPECT_EQ(*geometry, (FatGeometry{512, 64, 2, 1024}));
   EXPECT_EQ(geometry->dataAreaOffset(), (64u + 2 * 1024) * 512);
 
-  Bytes unsigned_ = good;
+  Bytes unsigned_ = good, fat16 = good;
   unsigned_[511] = 0;
-  Bytes fat16 = good;
-  fat16[17] = 0x00;
   fat16[18] = 0x02;  // 512 root entries: a FAT12/16 volume
-  Bytes oddSector = fatBootSector(500, 64, 2, 1024);
-  Bytes noFats = fatBootSector(512, 64, 0, 1024);
-  for (const Bytes* bad : {&unsigned_, &fat16, &oddSector, &noFats}) {
-    EXPECT_FALSE(DiskFormatter::parseFatBootSector(*bad));
+  for (const Bytes& bad : {unsigned_, fat16, fatBootSector(500, 64, 2, 1024),
+                           fatBootSector(512, 64, 0, 1024), Bytes(100, 0)}) {
+    EXPECT_FALSE(DiskFormatter::parseFatBootSector(bad));
   }
-  EXPECT_FALSE(DiskFormatter::parseFatBootSector(Bytes(100, 0)));
 
-  struct Case {
-    FatGeometry geometry;
-    std::uint64_t alignment;
-    std::uint32_t reserved;
-  };
-  const Case cases[] = {
+  const std::tuple<FatGeometry, std::uint64_t, std::uint32_t> cases[] = {
       {{512, 64, 2, 1024}, 4 * kMiB, 8192 - 2048},
       // Exactly on the boundary would leave no reserved sectors: take the next.
       {{512, 32, 2, 4096}, 4 * kMiB, 8192},
@@ -142,24 +125,21 @@ TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
       {{512, 32, 2, 4090}, 4 * kMiB, 16384 - 8180},
       {{4096, 32, 2, 100}, 16 * kMiB, 4096 - 200},
   };
-  for (const Case& c : cases) {
-    const std::uint32_t reserved = DiskFormatter::alignedReservedSectors(c.geometry, c.alignment);
-    EXPECT_EQ(reserved, c.reserved) << c.geometry.sectorsPerFat;
-    FatGeometry aligned = c.geometry;
-    aligned.reservedSectors = reserved;
-    EXPECT_EQ(aligned.dataAreaOffset() % c.alignment, 0u) << c.geometry.sectorsPerFat;
+  for (const auto& [start, alignment, expected] : cases) {
+    FatGeometry aligned = start;
+    aligned.reservedSectors = DiskFormatter::alignedReservedSectors(start, alignment);
+    EXPECT_EQ(aligned.reservedSectors, expected) << start.sectorsPerFat;
+    EXPECT_EQ(aligned.dataAreaOffset() % alignment, 0u) << start.sectorsPerFat;
   }
 }
 
-// --- On loop devices ---
-
+// blkid's NAME=value report on path.
 std::map<std::string, std::string> blkid(const std::string& path) {
-  const ProcessResult result = runProcess({"blkid", "-p", "-o", "export", path});
   std::map<std::string, std::string> values;
-  std::istringstream lines(result.standardOutput);
+  std::istringstream lines(runProcess({"blkid", "-p", "-o", "export", path}).standardOutput);
   for (std::string line; std::getline(lines, line);) {
-    const auto equals = line.find('=');
-    if (equals != std::string::npos) values[line.substr(0, equals)] = line.substr(equals + 1);
+    if (const auto equals = line.find('='); equals != std::string::npos)
+      values[line.substr(0, equals)] = line.substr(equals + 1);
   }
   return values;
 }
@@ -167,19 +147,16 @@ std::map<std::string, std::string> blkid(const std::string& path) {
 // The number captured by pattern in a fsck or dump report.
 std::uint64_t reportNumber(const std::string& text, const std::string& pattern) {
   std::smatch match;
-  if (!std::regex_search(text, match, std::regex(pattern))) {
-    ADD_FAILURE() << "no match for " << pattern << " in\n" << text;
-    return 0;
-  }
-  return std::stoull(match[1].str());
+  if (std::regex_search(text, match, std::regex(pattern))) return std::stoull(match[1].str());
+  ADD_FAILURE() << "no match for " << pattern << " in\n" << text;
+  return 0;
 }
 
 struct FormatCase {
   std::uint64_t diskBytes;
   FileSystem fileSystem;
-  std::uint64_t partitionStart;  // bytes
+  std::uint64_t partitionStart;  // bytes, also the data area's alignment
   std::uint64_t cluster;         // bytes; 0: whatever mkfs.fat chose
-  std::uint64_t alignment;
   int sectorSize = 512;
 };
 
@@ -193,14 +170,9 @@ TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
                            fat ? "mkfs.fat" : "dump.exfat"}) {
     if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
   }
-  testing::TempDir dir;
-  const std::string image = dir.file("card.img");
-  testing::createSparseFile(image, c.diskBytes);
-  testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
-  testing::LoopDevice loop(image, {.sectorSize = c.sectorSize});
-  const DiskIdentity identity = DeviceGuard::inspect(loop.name(), Allowance::standard);
-
-  DiskFormatter::format(identity, c.fileSystem, "My Card!");
+  const testing::ImageDisk disk(c.diskBytes, c.sectorSize);
+  const testing::LoopDevice& loop = disk.loop;
+  DiskFormatter::format(disk.inspect(), c.fileSystem, "My Card!");
 
   const std::string partition = loop.path() + "p1";
   EXPECT_EQ(blkid(loop.path())["PTTYPE"], "dos");
@@ -218,7 +190,7 @@ TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
     EXPECT_TRUE(check.status.succeeded()) << check.standardOutput << check.standardError;
     const std::uint64_t dataStart =
         reportNumber(check.standardOutput, R"(Data area starts at byte (\d+))");
-    EXPECT_EQ((c.partitionStart + dataStart) % c.alignment, 0u) << dataStart;
+    EXPECT_EQ(dataStart % c.partitionStart, 0u) << dataStart;
     if (c.cluster != 0) {
       EXPECT_EQ(reportNumber(check.standardOutput, R"((\d+) bytes per cluster)"), c.cluster);
     }
@@ -228,26 +200,24 @@ TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
     const ProcessResult dump = runProcess({"dump.exfat", partition});
     ASSERT_TRUE(dump.status.succeeded()) << dump.standardError;
     EXPECT_EQ(reportNumber(dump.standardOutput, R"(Cluster size:\s+(\d+))"), c.cluster);
-    const std::uint64_t sectorBits =
-        reportNumber(dump.standardOutput, R"(Sector Size Bits:\s+(\d+))");
     const std::uint64_t heap =
         reportNumber(dump.standardOutput, R"(Cluster Heap Offset \(sector offset\):\s+(\d+))")
-        << sectorBits;
-    EXPECT_EQ((c.partitionStart + heap) % c.alignment, 0u) << heap;
+        << reportNumber(dump.standardOutput, R"(Sector Size Bits:\s+(\d+))");
+    EXPECT_EQ(heap % c.partitionStart, 0u) << heap;
     EXPECT_NE(dump.standardOutput.find("Volume label: \t\t\t\tMYCARD"), std::string::npos);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     SdCardSizes, FormatOnLoopDevice,
-    ::testing::Values(FormatCase{256 * kMiB, FileSystem::fat32, 4 * kMiB, 0, 4 * kMiB},
-                      FormatCase{256 * kMiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB},
-                      FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4 * kMiB},
-                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB},
-                      FormatCase{64 * kGiB, FileSystem::fat32, 16 * kMiB, 32768, 16 * kMiB},
-                      FormatCase{64 * kGiB, FileSystem::exfat, 16 * kMiB, 131072, 16 * kMiB},
-                      FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4 * kMiB, 4096},
-                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768, 4 * kMiB, 4096}),
+    ::testing::Values(FormatCase{256 * kMiB, FileSystem::fat32, 4 * kMiB, 0},
+                      FormatCase{256 * kMiB, FileSystem::exfat, 4 * kMiB, 32768},
+                      FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768},
+                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768},
+                      FormatCase{64 * kGiB, FileSystem::fat32, 16 * kMiB, 32768},
+                      FormatCase{64 * kGiB, FileSystem::exfat, 16 * kMiB, 131072},
+                      FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4096},
+                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768, 4096}),
     [](const ::testing::TestParamInfo<FormatCase>& param) {
       return std::to_string(param.param.diskBytes / kMiB) + "MiB_" +
              std::string(displayName(param.param.fileSystem)) +
@@ -257,16 +227,10 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
   VL_REQUIRE_LOOP_DEVICES();
   if (!findProgram("sfdisk")) GTEST_SKIP() << "needs sfdisk";
-  testing::TempDir dir;
-  testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
-
   // 3 MiB cannot hold a partition starting at 4 MiB: sfdisk says why.
-  const std::string tiny = dir.file("tiny.img");
-  testing::createSparseFile(tiny, 3 * kMiB);
-  testing::LoopDevice tinyLoop(tiny);
+  const testing::ImageDisk tiny(3 * kMiB);
   try {
-    DiskFormatter::format(DeviceGuard::inspect(tinyLoop.name(), Allowance::standard),
-                          FileSystem::fat32, "x");
+    DiskFormatter::format(tiny.inspect(), FileSystem::fat32, "x");
     FAIL() << "formatted 3 MiB";
   } catch (const WriteError& error) {
     ASSERT_TRUE(error.is<WriteError::Refused>());
@@ -277,20 +241,15 @@ TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
 
   // A card swapped after selection: the guard's message, and the disk keeps
   // what it had (no tool ran).
-  const std::string image = dir.file("card.img");
-  testing::writeFile(image, std::string(8 * kMiB, 'K'));
-  testing::LoopDevice loop(image);
-  DiskIdentity identity = DeviceGuard::inspect(loop.name(), Allowance::standard);
+  const testing::ImageDisk card(8 * kMiB);
+  testing::writeFile(card.image, std::string(8 * kMiB, 'K'));
+  DiskIdentity identity = card.inspect();
   identity.mediaName = "Another Card";
-  try {
-    DiskFormatter::format(identity, FileSystem::exfat, "x");
-    FAIL() << "formatted a swapped card";
-  } catch (const WriteError& error) {
-    EXPECT_EQ(error.description(), "The disk at " + loop.name() +
-                                       " changed since you selected it. Nothing was written. "
-                                       "Select the card again.");
-  }
-  EXPECT_EQ(FileSource(image).read(0, 8 * kMiB), Bytes(8 * kMiB, 'K'));
+  EXPECT_EQ(testing::errorText<WriteError>(
+                [&] { DiskFormatter::format(identity, FileSystem::exfat, "x"); }),
+            "The disk at " + card.loop.name() +
+                " changed since you selected it. Nothing was written. Select the card again.");
+  EXPECT_EQ(FileSource(card.image).read(0, 8 * kMiB), Bytes(8 * kMiB, 'K'));
 }
 
 }  // namespace
