@@ -9,50 +9,45 @@ namespace vellum {
 namespace {
 
 using testing::FakeSystem;
+using Disk = FakeSystem::Disk;
 
-struct Expected {
-  std::string name;
-  std::string busProtocol;
-  std::string mediaName;
-  bool internal;
-  bool removableMedia;
-  bool ejectable;
-  std::string virtualOrPhysical;
-  bool osInternalMedia;
-};
+// The facts that tell kinds of disk apart, as one line.
+std::string traits(const DiskFactsReader& reader, const std::string& name) {
+  const std::optional<DiskFacts> f = reader.facts(name);
+  if (!f) return "missing";
+  std::string line = f->busProtocol + "|" + f->mediaName + "|" + f->virtualOrPhysical;
+  for (const auto& [on, word] : {std::pair{f->wholeDisk, " whole"},
+                                 {f->internal, " internal"},
+                                 {f->removableMedia, " removable"},
+                                 {f->removableMediaOrExternalDevice, " outside"},
+                                 {f->ejectable, " eject"},
+                                 {f->osInternalMedia, " system"},
+                                 {f->readOnly, " ro"}}) {
+    if (on) line += word;
+  }
+  return line;
+}
 
 TEST(DiskFacts, ReadsEachKindOfDiskFromSysfs) {
   FakeSystem fake;
   testing::buildLaptop(fake);
   const DiskFactsReader reader(fake.paths());
-  const Expected table[] = {
-      {"nvme0n1", "nvme", "Samsung SSD 980 1TB", true, false, false, "Physical", true},
-      {"sda", "sata", "ATA WDC WD10EZEX-08W", true, false, false, "Physical", false},
-      {"mmcblk0", "mmc", "SD card SL16G", true, true, false, "Physical", false},
-      {"mmcblk1", "mmc", "MMC DG4016", true, false, false, "Physical", false},
-      {"mmcblk1boot0", "mmc", "MMC DG4016", true, false, false, "Physical", false},
-      {"sdb", "usb", "Generic STORAGE DEVICE", false, true, true, "Physical", false},
-      {"sdd", "usb", "SanDisk Cruzer Blade", false, true, true, "Physical", false},
-      {"sde", "usb", "Samsung PSSD T7", false, false, false, "Physical", false},
-      {"loop0", "Disk Image", "Disk Image card.img", false, false, false, "Virtual", false},
-      {"zram0", "", "", true, false, false, "Virtual", true},  // active swap
+  const std::pair<const char*, const char*> table[] = {
+      {"nvme0n1", "nvme|Samsung SSD 980 1TB|Physical whole internal system"},
+      {"sda", "sata|ATA WDC WD10EZEX-08W|Physical whole internal"},
+      {"mmcblk0", "mmc|SD card SL16G|Physical whole internal removable outside"},
+      {"mmcblk1", "mmc|MMC DG4016|Physical whole internal"},
+      {"mmcblk1boot0", "mmc|MMC DG4016|Physical whole internal ro"},
+      {"sdb", "usb|Generic STORAGE DEVICE|Physical whole removable outside eject"},
+      {"sdd", "usb|SanDisk Cruzer Blade|Physical whole removable outside eject"},
+      {"sde", "usb|Samsung PSSD T7|Physical whole outside"},
+      // A disk image is neither internal nor an external device.
+      {"loop0", "Disk Image|Disk Image card.img|Virtual whole"},
+      {"zram0", "||Virtual whole internal system"},  // active swap
+      {"sdb1", "usb|Generic STORAGE DEVICE|Physical removable outside eject"},
   };
-  for (const Expected& e : table) {
-    SCOPED_TRACE(e.name);
-    const std::optional<DiskFacts> facts = reader.facts(e.name);
-    ASSERT_TRUE(facts.has_value());
-    EXPECT_TRUE(facts->wholeDisk);
-    EXPECT_EQ(facts->busProtocol, e.busProtocol);
-    EXPECT_EQ(facts->mediaName, e.mediaName);
-    EXPECT_EQ(facts->internal, e.internal);
-    EXPECT_EQ(facts->removableMedia, e.removableMedia);
-    EXPECT_EQ(facts->ejectable, e.ejectable);
-    // A disk image is neither internal nor an external device.
-    EXPECT_EQ(facts->removableMediaOrExternalDevice,
-              e.removableMedia || (!e.internal && e.busProtocol != "Disk Image"));
-    EXPECT_EQ(facts->virtualOrPhysical, e.virtualOrPhysical);
-    EXPECT_EQ(facts->osInternalMedia, e.osInternalMedia);
-  }
+  for (const auto& [name, expected] : table)
+    EXPECT_EQ(traits(reader, name), expected) << name;
 
   const DiskFacts sdb = *reader.facts("sdb");
   EXPECT_EQ(sdb.sizeBytes, 62333952ull * 512);
@@ -60,9 +55,6 @@ TEST(DiskFacts, ReadsEachKindOfDiskFromSysfs) {
   EXPECT_EQ(sdb.deviceTreePath,
             "/devices/pci0000:00/0000:00:14.0/usb1/1-2/1-2:1.0/host2/target2:0:0/2:0:0:0/block/"
             "sdb#diskseq=21");
-  EXPECT_TRUE(reader.facts("mmcblk1boot0")->readOnly);
-  EXPECT_FALSE(reader.facts("sdb1")->wholeDisk);
-  EXPECT_EQ(reader.facts("sdb1")->busProtocol, "usb");
 
   // Names that are not plain kernel names never reach the file system.
   for (const char* bad : {"", ".", "..", "../block/sdb", "sdb/sdb1", "nosuch"}) {
@@ -85,78 +77,70 @@ TEST(DiskFacts, RemovableMediaFromUdevAndLogicalBlockSize) {
   EXPECT_FALSE(reader.facts("sdg")->removableMedia);
 }
 
-TEST(DiskFacts, SystemUseThroughPartitionsHoldersSwapAndLiveMedium) {
+TEST(DiskFacts, SystemUseAndMountsFollowDeviceNumbersThroughHoldersNeverNamePrefixes) {
   FakeSystem fake;
-  using Disk = FakeSystem::Disk;
-  fake.usbDisk("sdh", "2", "A", "Root", Disk{.dev = "8:112", .sectors = 100, .removable = "1"})
-      .partition("sdh", "sdh1", 1, "8:113");
-  fake.usbDisk("sdi", "3", "A", "Crypt", Disk{.dev = "8:128", .sectors = 100, .removable = "1"})
+  int port = 1;
+  const auto card = [&](const std::string& name, const std::string& dev) -> FakeSystem& {
+    return fake.usbDisk(name, std::to_string(++port), "A", name,
+                        Disk{.dev = dev, .sectors = 100, .removable = "1"});
+  };
+  card("sdh", "8:112").partition("sdh", "sdh1", 1, "8:113");
+  card("sdi", "8:128")
       .partition("sdi", "sdi1", 1, "8:129")
       .disk("dm-0", "virtual", Disk{.dev = "253:0", .sectors = 90})
       .disk("dm-1", "virtual", Disk{.dev = "253:1", .sectors = 80})
       .holder("sdi1", "dm-0")
       .holder("dm-0", "dm-1");
-  fake.usbDisk("sdj", "4", "A", "Swap", Disk{.dev = "8:144", .sectors = 100, .removable = "1"})
-      .partition("sdj", "sdj1", 1, "8:145")
-      .partition("sdj", "sdj2", 2, "8:146");
-  fake.usbDisk("sdk", "5", "A", "Live", Disk{.dev = "8:160", .sectors = 100, .removable = "1"});
-  fake.usbDisk("sdl", "6", "A", "Data", Disk{.dev = "8:176", .sectors = 100, .removable = "1"})
-      .partition("sdl", "sdl1", 1, "8:177");
-  fake.mountInfo(R"(27 1 8:113 / / rw - ext4 /dev/sdh1 rw
-30 27 253:1 / /home rw - ext4 /dev/mapper/home rw
-31 27 8:160 / /run/live/medium ro - iso9660 /dev/sdk ro
-32 27 8:177 / /media/user/homework rw - ext4 /dev/sdl1 rw
-33 27 8:177 /home /mnt/home\040copy rw - ext4 /dev/sdl1 rw
-)");
-  fake.swaps("Filename Type Size Used Priority\n/dev/sdj2 partition 100 0 -2\n");
-  const DiskFactsReader reader(fake.paths());
-
-  EXPECT_TRUE(reader.facts("sdh")->osInternalMedia);
-  EXPECT_TRUE(reader.facts("sdi")->osInternalMedia);  // /home on dm-1 on dm-0 on sdi1
-  EXPECT_TRUE(reader.facts("sdj")->osInternalMedia);  // swap partition
-  EXPECT_FALSE(reader.facts("sdk")->osInternalMedia);
-  EXPECT_TRUE(reader.facts("sdk")->systemImage);
-  // Bind mounts of a subfolder and names merely containing "home" don't count.
-  EXPECT_FALSE(reader.facts("sdl")->osInternalMedia);
-  EXPECT_FALSE(reader.facts("sdl")->systemImage);
-  EXPECT_EQ(reader.mountPoints("sdl"),
-            (std::vector<std::string>{"/media/user/homework", "/mnt/home copy"}));
-  // The holders' mounts are not the disk's own mounts.
-  EXPECT_TRUE(reader.mountPoints("sdi").empty());
-  EXPECT_EQ(reader.devicesOf("sdi", true),
-            (std::vector<DeviceNumber>{{8, 128}, {8, 129}, {253, 0}, {253, 1}}));
-}
-
-TEST(DiskFacts, MountsMatchByDeviceNumberNeverByNamePrefix) {
-  FakeSystem fake;
-  using Disk = FakeSystem::Disk;
-  fake.usbDisk("sda", "2", "A", "One", Disk{.dev = "8:0", .sectors = 100, .removable = "1"})
-      .partition("sda", "sda1", 1, "8:1");
-  fake.usbDisk("sdaa", "3", "A", "Two", Disk{.dev = "65:160", .sectors = 100, .removable = "1"})
-      .partition("sdaa", "sdaa1", 1, "65:161");
+  card("sdj", "8:144").partition("sdj", "sdj1", 1, "8:145").partition("sdj", "sdj2", 2, "8:146");
+  card("sdk", "8:160");
+  card("sdl", "8:176").partition("sdl", "sdl1", 1, "8:177");
+  card("sda", "8:0").partition("sda", "sda1", 1, "8:1");
+  card("sdaa", "65:160").partition("sdaa", "sdaa1", 1, "65:161");
+  card("sdc", "8:32").partition("sdc", "sdc1", 1, "8:33");
   const std::string emmc = "platform/mmc/mmc_host/mmc0/mmc0:0001";
   fake.device(emmc, "mmc")
       .attribute(emmc, "type", "MMC")
       .disk("mmcblk0", emmc, Disk{.dev = "179:0", .sectors = 100})
       .disk("mmcblk0boot0", emmc, Disk{.dev = "179:8", .sectors = 10});
-  fake.usbDisk("sdc", "4", "A", "Btrfs", Disk{.dev = "8:32", .sectors = 100, .removable = "1"})
-      .partition("sdc", "sdc1", 1, "8:33");
-  fake.mountInfo(R"(50 1 65:161 / /media/sdaa1 rw - vfat /dev/sdaa1 rw
+  fake.mountInfo(R"(27 1 8:113 / / rw - ext4 /dev/sdh1 rw
+30 27 253:1 / /home rw - ext4 /dev/mapper/home rw
+31 27 8:160 / /run/live/medium ro - iso9660 /dev/sdk ro
+32 27 8:177 / /media/user/homework rw - ext4 /dev/sdl1 rw
+33 27 8:177 /home /mnt/home\040copy rw - ext4 /dev/sdl1 rw
+50 1 65:161 / /media/sdaa1 rw - vfat /dev/sdaa1 rw
 51 1 179:8 / /media/boot0 rw - vfat /dev/mmcblk0boot0 rw
 52 1 0:45 / /media/pool rw - btrfs /dev/sdc1 rw
 53 1 0:46 / /media/fuse rw - fuse.sshfs /dev/sda1:/remote rw
 )");
+  fake.swaps("Filename Type Size Used Priority\n/dev/sdj2 partition 100 0 -2\n");
   const DiskFactsReader reader(fake.paths());
-  EXPECT_TRUE(reader.mountPoints("sda").empty());
-  EXPECT_EQ(reader.mountPoints("sdaa"), (std::vector<std::string>{"/media/sdaa1"}));
-  EXPECT_TRUE(reader.mountPoints("mmcblk0").empty());
-  EXPECT_EQ(reader.mountPoints("mmcblk0boot0"), (std::vector<std::string>{"/media/boot0"}));
-  // Anonymous device numbers (btrfs) are found through the mount source.
-  EXPECT_EQ(reader.mountPoints("sdc"), (std::vector<std::string>{"/media/pool"}));
-  EXPECT_EQ(reader.wholeDiskName({0, 45}), "sdc");
-  EXPECT_EQ(reader.wholeDiskName({0, 46}), std::nullopt);
-  EXPECT_EQ(reader.wholeDiskName({65, 161}), "sdaa");
-  EXPECT_EQ(reader.wholeDiskName({179, 8}), "mmcblk0boot0");
+
+  // Root on a partition, /home on dm-1 on dm-0 on sdi1, swap on a partition.
+  for (const char* name : {"sdh", "sdi", "sdj"})
+    EXPECT_TRUE(reader.facts(name)->osInternalMedia);
+  EXPECT_FALSE(reader.facts("sdk")->osInternalMedia);
+  EXPECT_TRUE(reader.facts("sdk")->systemImage);
+  // Bind mounts of a subfolder and names merely containing "home" don't count.
+  EXPECT_FALSE(reader.facts("sdl")->osInternalMedia || reader.facts("sdl")->systemImage);
+  // The holders' mounts are not the disk's own mounts.
+  EXPECT_TRUE(reader.mountPoints("sdi").empty());
+  EXPECT_EQ(reader.devicesOf("sdi", true),
+            (std::vector<DeviceNumber>{{8, 128}, {8, 129}, {253, 0}, {253, 1}}));
+  using Points = std::vector<std::string>;
+  const std::pair<const char*, Points> mounts[] = {
+      {"sdl", {"/media/user/homework", "/mnt/home copy"}},
+      {"sda", {}},
+      {"sdaa", {"/media/sdaa1"}},
+      {"mmcblk0", {}},
+      {"mmcblk0boot0", {"/media/boot0"}},
+      {"sdc", {"/media/pool"}},  // an anonymous device number (btrfs): found by its source
+  };
+  for (const auto& [name, points] : mounts)
+    EXPECT_EQ(reader.mountPoints(name), points) << name;
+  const std::pair<DeviceNumber, std::optional<std::string>> owners[] = {
+      {{0, 45}, "sdc"}, {{0, 46}, std::nullopt}, {{65, 161}, "sdaa"}, {{179, 8}, "mmcblk0boot0"}};
+  for (const auto& [device, owner] : owners)
+    EXPECT_EQ(reader.wholeDiskName(device), owner);
 }
 
 TEST(DiskEnumerator, ListsOnlyCardLikeDisksWithTheirVolumeNames) {
@@ -228,76 +212,50 @@ TEST(DiskEnumerator, VolumesInPartitionOrderWithNamesFromLabelsThenMountPoints) 
   EXPECT_EQ(DiskEnumerator::volumeNames(named), (std::vector<std::string>{"LABEL", "CARD"}));
 }
 
-TEST(DiskEnumerator, CardLikeRulesInOrder) {
-  struct Case {
-    const char* what;
-    DiskFacts info;
-    bool allowImages;
-    bool expected;
-  };
-  const auto facts = [](auto change) {
-    DiskFacts f;
-    f.virtualOrPhysical = "Physical";
-    change(f);
-    return f;
-  };
-  const Case cases[] = {
-      {"image allowed", facts([](DiskFacts& f) {
-         f.busProtocol = "Disk Image";
-         f.virtualOrPhysical = "Virtual";
-         f.osInternalMedia = true;
-       }),
-       true, true},
-      {"image not allowed", facts([](DiskFacts& f) {
-         f.busProtocol = "Disk Image";
-         f.internal = false;
-       }),
-       false, false},
-      {"virtual", facts([](DiskFacts& f) {
-         f.virtualOrPhysical = "Virtual";
-         f.internal = false;
-       }),
-       true, false},
-      {"system", facts([](DiskFacts& f) {
-         f.internal = false;
-         f.osInternalMedia = true;
-       }),
-       false, false},
-      {"live medium", facts([](DiskFacts& f) {
-         f.internal = false;
-         f.systemImage = true;
-       }),
-       false, false},
-      {"internal, external device but not ejectable",
-       facts([](DiskFacts& f) { f.removableMediaOrExternalDevice = true; }), false, false},
-      {"internal, external device and ejectable", facts([](DiskFacts& f) {
-         f.removableMediaOrExternalDevice = true;
-         f.ejectable = true;
-       }),
-       false, true},
-      {"built-in reader", facts([](DiskFacts& f) { f.removableMedia = true; }), false, true},
-      {"external, not removable", facts([](DiskFacts& f) { f.internal = false; }), false, true},
-      {"internal", facts([](DiskFacts&) {}), false, false},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(DiskEnumerator::isMemoryCardLike(c.info, c.allowImages), c.expected) << c.what;
-  }
+// Facts with the named traits: "image" (a disk image), "virtual", "external",
+// "system" (OS volume), "live" (a live-boot medium), "outside" (removable
+// media or external device), "eject" (ejectable), "removable" (media).
+DiskFacts withTraits(const std::string& traits) {
+  const auto has = [&](const char* word) { return traits.find(word) != std::string::npos; };
+  DiskFacts f;
+  f.busProtocol = has("image") ? "Disk Image" : "usb";
+  f.virtualOrPhysical = has("virtual") ? "Virtual" : "Physical";
+  f.internal = !has("external");
+  f.osInternalMedia = has("system");
+  f.systemImage = has("live");
+  f.removableMediaOrExternalDevice = has("outside");
+  f.ejectable = has("eject");
+  f.removableMedia = has("removable");
+  return f;
 }
 
-TEST(DiskEnumerator, CardWordsAreWholeWords) {
-  const std::pair<const char*, bool> cases[] = {
-      {"Built In SDXC Reader", true},
-      {"Generic Flash Disk", false},
-      {"SDcard", false},
-      {"Card-Reader", true},
-      {"SD card SL16G", true},
-      {"MMC DG4016", true},
-      {"Lexar CFexpress", true},
-      {"Generic STORAGE DEVICE", false},
-      {"", false},
-      {"microSD", true},
+TEST(DiskEnumerator, CardLikeRulesInOrderAndCardWordsAreWholeWords) {
+  const std::tuple<const char*, bool, bool> cases[] = {
+      {"image virtual system", true, true},  // images allowed
+      {"image external", false, false},
+      {"virtual external", true, false},
+      {"external system", false, false},
+      {"external live", false, false},
+      {"outside", false, false},  // internal, external device but not ejectable
+      {"outside eject", false, true},
+      {"removable", false, true},  // a built-in reader
+      {"external", false, true},
+      {"", false, false},  // internal
   };
-  for (const auto& [mediaName, expected] : cases) {
+  for (const auto& [traits, allowImages, expected] : cases)
+    EXPECT_EQ(DiskEnumerator::isMemoryCardLike(withTraits(traits), allowImages), expected)
+        << traits;
+
+  for (const auto& [mediaName, expected] : {std::pair{"Built In SDXC Reader", true},
+                                            {"Generic Flash Disk", false},
+                                            {"SDcard", false},
+                                            {"Card-Reader", true},
+                                            {"SD card SL16G", true},
+                                            {"MMC DG4016", true},
+                                            {"Lexar CFexpress", true},
+                                            {"Generic STORAGE DEVICE", false},
+                                            {"", false},
+                                            {"microSD", true}}) {
     EXPECT_EQ((ExternalDisk{"sdb", mediaName, 1, {}}.isMemoryCard()), expected) << mediaName;
   }
 }
