@@ -16,7 +16,10 @@ namespace vellum::testing {
 class FakeSystem {
  public:
   FakeSystem();
-  ~FakeSystem();
+  ~FakeSystem() {
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
   FakeSystem(const FakeSystem&) = delete;
   FakeSystem& operator=(const FakeSystem&) = delete;
 
@@ -38,10 +41,11 @@ class FakeSystem {
     std::string hidden = "0";
     std::uint64_t logicalBlockSize = 512;
   };
-  // A whole disk at sys/devices/{parent}/block/{name}; `device` links to parent.
+  // A whole disk at sys/devices/{parent}/block/{name}; `device` links to
+  // parent unless that is virtual.
   FakeSystem& disk(const std::string& name, const std::string& parent, const Disk& disk);
   FakeSystem& partition(const std::string& diskName, const std::string& name, int number,
-                        const std::string& dev, std::uint64_t sectors = 1000);
+                        const std::string& dev);
   // Declares `holder` (an existing block device) stacked on `lower`.
   FakeSystem& holder(const std::string& lower, const std::string& holder);
   // Maps a device number that is not a fake disk (such as a real st_dev) to a
@@ -53,19 +57,18 @@ class FakeSystem {
   FakeSystem& mountInfo(const std::string& text);
   FakeSystem& swaps(const std::string& text);
   void remove(const std::string& name);
-
-  // Ready-made hardware.
+  // A disk behind a USB mass-storage bridge on the given port.
   FakeSystem& usbDisk(const std::string& name, const std::string& port, const std::string& vendor,
                       const std::string& model, const Disk& disk);
-  FakeSystem& sataDisk(const std::string& name, const Disk& disk);
-  FakeSystem& loopDisk(const std::string& name, const std::string& backing, const Disk& disk);
 
  private:
-  std::string blockFolder(const std::string& name) const;
+  // Links folder as the named block device (and as its device number).
+  void addBlock(const std::string& name, const std::filesystem::path& folder,
+                const std::string& dev);
 
   std::filesystem::path root_;
   SystemPaths paths_;
-  std::map<std::string, std::string> folders_;  // kernel name -> folder
+  std::map<std::string, std::filesystem::path> folders_;  // kernel name -> folder
 };
 
 }  // namespace vellum::testing

@@ -14,7 +14,13 @@ void buildLaptop(FakeSystem& fake) {
       .partition("nvme0n1", "nvme0n1p1", 1, "259:1")
       .partition("nvme0n1", "nvme0n1p2", 2, "259:2");
 
-  fake.sataDisk("sda", Disk{.dev = "8:0", .sectors = 1953525168, .diskseq = "2"})
+  const std::string sata = "pci0000:00/0000:00:17.0/ata1/host0/target0:0:0/0:0:0:0";
+  fake.device("pci0000:00/0000:00:17.0", "pci")
+      .attribute("pci0000:00/0000:00:17.0", "removable", "fixed")
+      .device(sata, "scsi")
+      .attribute(sata, "vendor", "ATA     ")
+      .attribute(sata, "model", "WDC WD10EZEX-08W")
+      .disk("sda", sata, Disk{.dev = "8:0", .sectors = 1953525168, .diskseq = "2"})
       .partition("sda", "sda1", 1, "8:1");
 
   const std::string sdSlot =
@@ -55,8 +61,8 @@ void buildLaptop(FakeSystem& fake) {
       .udev("8:66", "E:ID_FS_LABEL=BACKUP\n")
       .udev("8:74", "E:ID_FS_LABEL=TENTH\n");
 
-  fake.loopDisk("loop0", "/tmp/images/card.img",
-                Disk{.dev = "7:0", .sectors = 524288, .diskseq = "30"});
+  fake.disk("loop0", "virtual", Disk{.dev = "7:0", .sectors = 524288, .diskseq = "30"})
+      .diskAttribute("loop0", "loop/backing_file", "/tmp/images/card.img");
   fake.disk("zram0", "virtual", Disk{.dev = "252:0", .sectors = 8388608, .diskseq = "31"});
 
   fake.mountInfo(R"(22 27 0:21 / /proc rw,relatime - proc proc rw
