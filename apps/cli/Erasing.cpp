@@ -71,6 +71,12 @@ void saveBackup(const Target& target, const std::string& destination) {
     throw WriteError::refused("The backup failed: " + reason + " Nothing was erased.");
   }
   line.finish();
+  // A disk reads its unreadable sectors as zeros; the backup holds zeros there.
+  if (const std::int64_t lost = source->badReads(); lost > 0) {
+    std::fprintf(stderr, "The backup holds zeros for %lld unreadable %s of the %s.\n",
+                 static_cast<long long>(lost), lost == 1 ? "sector" : "sectors",
+                 target.noun().c_str());
+  }
 }
 
 std::optional<Target> prepareErase(const std::string& argument, CheckAction action,

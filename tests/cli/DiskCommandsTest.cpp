@@ -354,9 +354,9 @@ TEST(CliDisk, DrivesOver4TBAreErasedOnlyAfterAQuickCheckProvesThemFake) {
   EXPECT_EQ(run.exitCode, 130) << run.out;
 }
 
-TEST(CliDisk, HealthScanFindsTheFailingFuseDisksUnreadableSectors) {
+TEST(CliDisk, FailingFuseDiskHealthScanAndBackup) {
   VL_REQUIRE_FUSE_DISKS();
-  FuseDisk disk({.size = 64 * kMiB, .unreadable = {{1000, 1001}, {50000, 50000}}});
+  FuseDisk disk({.size = 32 * kMiB, .unreadable = {{1000, 1001}, {50000, 50000}}});
   LoopDevice loop(disk.file(), {.directIo = true});
 
   // Read-only: no guard, so no VL_ALLOW_DISK_IMAGES needed.
@@ -367,6 +367,17 @@ TEST(CliDisk, HealthScanFindsTheFailingFuseDisksUnreadableSectors) {
   EXPECT_EQ(result.at("unreadable"),
             nlohmann::json::parse(
                 R"([{"offset":512000,"length":1024},{"offset":25600000,"length":512}])"));
+
+  // A backup before erasing keeps going past the bad sectors and says so.
+  FuseDisk small({.size = 4 * kMiB, .unreadable = {{100, 101}, {5000, 5000}}});
+  LoopDevice smallLoop(small.file(), {.directIo = true});
+  testing::TempDir dir;
+  const ProcessResult full = cli({"full", smallLoop.name(), "--backup", dir.file("backup.img"),
+                                  "--confirm", smallLoop.name()});
+  EXPECT_EQ(full.exitCode, 1) << full.err;
+  EXPECT_TRUE(contains(full.err, "The backup holds zeros for 3 unreadable sectors of the drive.\n"))
+      << full.err;
+  EXPECT_EQ(std::filesystem::file_size(dir.file("backup.img")), 4 * kMiB);
 }
 
 }  // namespace
