@@ -31,6 +31,12 @@ std::string traits(const DiskFactsReader& reader, const std::string& name) {
 TEST(DiskFacts, ReadsEachKindOfDiskFromSysfs) {
   FakeSystem fake;
   testing::buildLaptop(fake);
+  // A reader that leaves `removable` at 0, but udev knows it is an SD slot.
+  fake.usbDisk("sdf", "6", "Realtek", "RTSJ",
+               Disk{.dev = "8:80", .sectors = 100, .logicalBlockSize = 4096})
+      .udev("8:80", "E:ID_DRIVE_FLASH_SD=1\nE:ID_DRIVE_FLASH_MS=1\n")
+      .usbDisk("sdg", "7", "Realtek", "RTSJ", Disk{.dev = "8:96", .sectors = 100})
+      .udev("8:96", "E:ID_DRIVE_FLASH_SD=0\n");
   const DiskFactsReader reader(fake.paths());
   const std::pair<const char*, const char*> table[] = {
       {"nvme0n1", "nvme|Samsung SSD 980 1TB|Physical whole internal system"},
@@ -45,6 +51,8 @@ TEST(DiskFacts, ReadsEachKindOfDiskFromSysfs) {
       {"loop0", "Disk Image|Disk Image card.img|Virtual whole"},
       {"zram0", "||Virtual whole internal system"},  // active swap
       {"sdb1", "usb|Generic STORAGE DEVICE|Physical removable outside eject"},
+      {"sdf", "usb|Realtek RTSJ|Physical whole removable outside"},
+      {"sdg", "usb|Realtek RTSJ|Physical whole outside"},
   };
   for (const auto& [name, expected] : table)
     EXPECT_EQ(traits(reader, name), expected) << name;
@@ -52,6 +60,7 @@ TEST(DiskFacts, ReadsEachKindOfDiskFromSysfs) {
   const DiskFacts sdb = *reader.facts("sdb");
   EXPECT_EQ(sdb.sizeBytes, 62333952ull * 512);
   EXPECT_EQ(sdb.device, (DeviceNumber{8, 16}));
+  EXPECT_EQ(reader.facts("sdf")->deviceBlockSize, 4096);
   EXPECT_EQ(sdb.deviceTreePath,
             "/devices/pci0000:00/0000:00:14.0/usb1/1-2/1-2:1.0/host2/target2:0:0/2:0:0:0/block/"
             "sdb#diskseq=21");
@@ -60,21 +69,6 @@ TEST(DiskFacts, ReadsEachKindOfDiskFromSysfs) {
   for (const char* bad : {"", ".", "..", "../block/sdb", "sdb/sdb1", "nosuch"}) {
     EXPECT_FALSE(reader.facts(bad).has_value()) << bad;
   }
-}
-
-TEST(DiskFacts, RemovableMediaFromUdevAndLogicalBlockSize) {
-  FakeSystem fake;
-  // A reader that leaves `removable` at 0, but udev knows it is an SD slot.
-  fake.usbDisk("sdf", "6", "Realtek", "RTSJ",
-               FakeSystem::Disk{.dev = "8:80", .sectors = 100, .logicalBlockSize = 4096})
-      .udev("8:80", "E:ID_DRIVE_FLASH_SD=1\nE:ID_DRIVE_FLASH_MS=1\n");
-  fake.usbDisk("sdg", "7", "Realtek", "RTSJ", FakeSystem::Disk{.dev = "8:96", .sectors = 100})
-      .udev("8:96", "E:ID_DRIVE_FLASH_SD=0\n");
-  const DiskFactsReader reader(fake.paths());
-  EXPECT_TRUE(reader.facts("sdf")->removableMedia);
-  EXPECT_FALSE(reader.facts("sdf")->ejectable);
-  EXPECT_EQ(reader.facts("sdf")->deviceBlockSize, 4096);
-  EXPECT_FALSE(reader.facts("sdg")->removableMedia);
 }
 
 TEST(DiskFacts, SystemUseAndMountsFollowDeviceNumbersThroughHoldersNeverNamePrefixes) {
@@ -143,7 +137,7 @@ TEST(DiskFacts, SystemUseAndMountsFollowDeviceNumbersThroughHoldersNeverNamePref
     EXPECT_EQ(reader.wholeDiskName(device), owner);
 }
 
-TEST(DiskEnumerator, ListsOnlyCardLikeDisksWithTheirVolumeNames) {
+TEST(DiskEnumerator, ListsCardLikeDisksWithVolumeNamesAndStampsChanges) {
   FakeSystem fake;
   testing::buildLaptop(fake);
   const std::vector<ExternalDisk> disks = DiskEnumerator::externalDisks(false, fake.paths());
@@ -162,14 +156,31 @@ TEST(DiskEnumerator, ListsOnlyCardLikeDisksWithTheirVolumeNames) {
   EXPECT_TRUE(withImages[1].isMemoryCard());  // SD card SL16G
   EXPECT_EQ(withImages[1].displayName(), "EOS_DIGITAL");
 
+  const DiskFactsReader reader(fake.paths());
+  const auto volumes = [&](const std::string& name) {
+    std::string line;
+    for (const VolumeFacts& volume : reader.volumes(name))
+      line += volume.name + ":" + std::to_string(volume.partitionNumber) + " ";
+    return line;
+  };
+  EXPECT_EQ(volumes("sde"), "sde1:1 sde2:2 sde10:10 ");  // in partition order
+  // The stick without a partition table is its own volume; the empty slot and
+  // an unformatted disk have none.
+  EXPECT_EQ(volumes("sdd"), "sdd:0 ");
+  EXPECT_EQ(volumes("sdc") + volumes("sdb1"), "");
+  const std::vector<VolumeFacts> named{
+      {"x1", {}, 1, "LABEL", {"/media/u/ignored"}},
+      {"x2", {}, 2, "", {"/media/u/CARD", "/mnt/other"}},
+      {"x3", {}, 3, "", {}},
+      {"x4", {}, 4, "", {"/"}},
+  };
+  EXPECT_EQ(DiskEnumerator::volumeNames(named), (std::vector<std::string>{"LABEL", "CARD"}));
+
   // Hidden disks are never listed.
   fake.diskAttribute("sdd", "hidden", "1");
   EXPECT_EQ(DiskEnumerator::externalDisks(false, fake.paths()).size(), 3u);
-}
 
-TEST(DiskEnumerator, ChangeStampFollowsInsertionRemovalAndMediaChanges) {
-  FakeSystem fake;
-  testing::buildLaptop(fake);
+  // The change stamp follows insertion, removal and media changes.
   const std::string before = DiskEnumerator::changeStamp(fake.paths());
   EXPECT_NE(before.find("sdb 21 62333952 0\n"), std::string::npos) << before;
   EXPECT_EQ(DiskEnumerator::changeStamp(fake.paths()), before);
@@ -183,33 +194,6 @@ TEST(DiskEnumerator, ChangeStampFollowsInsertionRemovalAndMediaChanges) {
   EXPECT_NE(locked, inserted);
   fake.remove("sdd");
   EXPECT_EQ(DiskEnumerator::changeStamp(fake.paths()).find("sdd "), std::string::npos);
-}
-
-TEST(DiskEnumerator, VolumesInPartitionOrderWithNamesFromLabelsThenMountPoints) {
-  FakeSystem fake;
-  testing::buildLaptop(fake);
-  const DiskFactsReader reader(fake.paths());
-  const std::vector<VolumeFacts> volumes = reader.volumes("sde");
-  ASSERT_EQ(volumes.size(), 3u);
-  EXPECT_EQ(volumes[0].name, "sde1");
-  EXPECT_EQ(volumes[1].name, "sde2");
-  EXPECT_EQ(volumes[2].name, "sde10");
-  EXPECT_EQ(volumes[2].partitionNumber, 10);
-
-  // The stick without a partition table is its own volume; the empty slot and
-  // an unformatted disk have none.
-  ASSERT_EQ(reader.volumes("sdd").size(), 1u);
-  EXPECT_EQ(reader.volumes("sdd")[0].partitionNumber, 0);
-  EXPECT_TRUE(reader.volumes("sdc").empty());
-  EXPECT_TRUE(reader.volumes("sdb1").empty());
-
-  const std::vector<VolumeFacts> named{
-      {"x1", {}, 1, "LABEL", {"/media/u/ignored"}},
-      {"x2", {}, 2, "", {"/media/u/CARD", "/mnt/other"}},
-      {"x3", {}, 3, "", {}},
-      {"x4", {}, 4, "", {"/"}},
-  };
-  EXPECT_EQ(DiskEnumerator::volumeNames(named), (std::vector<std::string>{"LABEL", "CARD"}));
 }
 
 // Facts with the named traits: "image" (a disk image), "virtual", "external",
