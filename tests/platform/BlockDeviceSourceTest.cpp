@@ -123,46 +123,47 @@ TEST(BlockDeviceSource, UnreadableSectorsComeBackAsZerosAndAreCounted) {
   EXPECT_EQ(big.badReads(), 2);
 }
 
-TEST(FuseDisk, BehavesLikeACounterfeitCardThatWrapsOrDropsWrites) {
+// The device a card check would write to, on a FUSE disk with these options.
+struct FuseCard {
+  explicit FuseCard(const FuseDisk::Options& options) : disk(options) {}
+  FuseDisk disk;
+  LoopDevice loop{disk.file(), {.directIo = true}};
+  testing::ScopedEnv allowImages{"VL_ALLOW_DISK_IMAGES", "1"};
+  std::unique_ptr<FileDescriptorDevice> device =
+      DeviceWriteAccess::open(DeviceGuard::inspect(loop.name(), Allowance::standard));
+};
+
+TEST(FuseDisk, BehavesLikeACounterfeitCardThatWrapsOrDropsWritesAndFailsChosenSectors) {
   VL_REQUIRE_FUSE_DISKS();
-  const testing::ScopedEnv allowImages("VL_ALLOW_DISK_IMAGES", "1");
   const Bytes first(4096, 0x11), beyond(4096, 0x22);
   for (const bool wrap : {true, false}) {
-    FuseDisk disk({.size = 64 * kMiB, .realCapacity = 16 * kMiB, .wrap = wrap});
-    const LoopDevice loop(disk.file(), {.directIo = true});
-    const auto device =
-        DeviceWriteAccess::open(DeviceGuard::inspect(loop.name(), Allowance::standard));
-    EXPECT_EQ(device->size(), 64 * kMiB);  // the claimed capacity
-    device->write(4096, first);
-    device->write(16 * kMiB + 4096, beyond);  // past the real capacity: accepted
-    device->synchronize();
+    const FuseCard card({.size = 64 * kMiB, .realCapacity = 16 * kMiB, .wrap = wrap});
+    FileDescriptorDevice& device = *card.device;
+    EXPECT_EQ(device.size(), 64 * kMiB);  // the claimed capacity
+    device.write(4096, first);
+    device.write(16 * kMiB + 4096, beyond);  // past the real capacity: accepted
+    device.synchronize();
     // Wrapping, the later write landed on the same flash and wins.
-    EXPECT_EQ(device->read(4096, 4096), wrap ? beyond : first) << wrap;
-    EXPECT_EQ(device->read(16 * kMiB + 4096, 4096), wrap ? beyond : Bytes(4096, 0)) << wrap;
-    if (wrap) {
-      EXPECT_EQ(device->read(48 * kMiB + 4096, 4096), beyond);
-    }
+    EXPECT_EQ(device.read(4096, 4096), wrap ? beyond : first) << wrap;
+    EXPECT_EQ(device.read(16 * kMiB + 4096, 4096), wrap ? beyond : Bytes(4096, 0)) << wrap;
+    EXPECT_EQ(device.read(48 * kMiB + 4096, 4096), wrap ? beyond : Bytes(4096, 0)) << wrap;
   }
 
-  FuseDisk disk({.size = 8 * kMiB, .unreadable = {{100, 101}}, .unwritable = {{200, 200}}});
-  const LoopDevice loop(disk.file(), {.directIo = true});
-  const auto device =
-      DeviceWriteAccess::open(DeviceGuard::inspect(loop.name(), Allowance::standard));
+  const FuseCard card({.size = 8 * kMiB, .unreadable = {{100, 101}}, .unwritable = {{200, 200}}});
   try {
-    device->read(96 * 512, 8 * 512);
+    card.device->read(96 * 512, 8 * 512);
     ADD_FAILURE() << "read an unreadable sector";
   } catch (const DeviceError& error) {
-    ASSERT_TRUE(error.is<DeviceError::ReadFailed>());
-    EXPECT_EQ(error.as<DeviceError::ReadFailed>()->errnum, EIO);
+    EXPECT_EQ(error, DeviceError::readFailed(96 * 512, EIO));
   }
-  EXPECT_EQ(device->read(102 * 512, 512), Bytes(512, 0));  // neighbours read fine
+  EXPECT_EQ(card.device->read(102 * 512, 512), Bytes(512, 0));  // neighbours read fine
   try {
-    device->write(200 * 512, Bytes(512, 1));
+    card.device->write(200 * 512, Bytes(512, 1));
     ADD_FAILURE() << "wrote an unwritable sector";
   } catch (const WriteError& error) {
     EXPECT_EQ(error, WriteError::writeFailed(200 * 512, EIO));
   }
-  device->write(201 * 512, Bytes(512, 1));
+  card.device->write(201 * 512, Bytes(512, 1));
 }
 
 }  // namespace
