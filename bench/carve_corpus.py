@@ -168,9 +168,11 @@ class Corpus:
         self.make("mp4", "mp4", "big.mp4",
                   ff(*video, "testsrc2=duration=8:size=1280x720:rate=25", "-c:v", "libx264",
                      "-pix_fmt", "yuv420p", "-b:v", "12M"))
-        # Mono 8-bit with an odd number of samples: the data chunk needs a pad byte.
-        self.make("wav", "wav", "odd.wav",
-                  ff("-f", "lavfi", "-i", "sine=duration=0.5:sample_rate=8001", "-c:a", "pcm_u8"))
+        # Mono 8-bit with an odd number of samples: the form's size is odd and
+        # a pad byte follows.
+        self.make("aiff", "aiff", "odd.aiff",
+                  lambda p: run("sox", "-n", "-r", "8000", "-c", "1", "-b", "8", p, "synth",
+                                "4001s", "sine", "300"))
         for i, d in enumerate([1, 4]):
             self.make("3gp", "3gp", f"v{i}.3gp",
                       ff(*video, f"testsrc=duration={d}:size=176x144:rate=15",

@@ -169,6 +169,35 @@ TEST(TiffCarver, WalksStripsAndIfdsInBothByteOrders) {
   }
 }
 
+TEST(TiffCarver, TakesThePadByteAfterAnOddLengthLastBlock) {
+  // IFD0 first, then strips of 300 and 201 bytes: the file's data ends at an
+  // odd offset, and a writer that pads adds one zero byte.
+  for (const bool bigEndian : {false, true}) {
+    SCOPED_TRACE(bigEndian ? "big-endian" : "little-endian");
+    TiffBuilder tiff(bigEndian);
+    tiff.setFirstIfd(8);
+    tiff.ifd(imageFields({0, 0}, {300, 201}));
+    const std::size_t table = 8 + 2 + 12 * 8 + 4;
+    tiff.patch32(table, tiff.data(filler(300, 0x11)));
+    tiff.patch32(table + 4, tiff.data(filler(201, 0x22)));
+    const std::size_t length = tiff.bytes().size();
+    ASSERT_EQ(length % 2, 1U);
+
+    Bytes padded = tiff.bytes();
+    padded.push_back(0);
+    append(padded, filler(1000, 0x33));
+    EXPECT_EQ(carveBytes(carver(), padded), exactMatch(length + 1, "tif", FormatCategory::photos));
+
+    // Without a zero byte after it, the file ends where its data does.
+    Bytes unpadded = tiff.bytes();
+    append(unpadded, filler(1000, 0x33));
+    EXPECT_EQ(carveBytes(carver(), unpadded), exactMatch(length, "tif", FormatCategory::photos));
+    // Nor is a pad byte invented at the source's end.
+    EXPECT_EQ(carveBytes(carver(), tiff.bytes()),
+              exactMatch(length, "tif", FormatCategory::photos));
+  }
+}
+
 TEST(TiffCarver, FollowsChainSubIfdsTilesAndThumbnails) {
   // IFD0 (one strip) -> IFD1 (JPEG thumbnail) in the chain; IFD0 also points
   // to a SubIFD whose tiles are written last and so end the file.

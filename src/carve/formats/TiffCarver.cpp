@@ -127,6 +127,9 @@ class TiffWalk {
       first = false;
     }
     if (!sawImageData_) doubtful_ = true;
+    // Writers keep every block on a word boundary and pad an odd-length last
+    // block with a zero byte; that byte belongs to the file.
+    if (end_ % 2 != 0 && end_ < available_ && context_.byte(start_ + end_) == 0) ++end_;
     return CarveMatch{end_, extension(), category(),
                       doubtful_ ? CarveConfidence::heuristic : CarveConfidence::exact};
   }
