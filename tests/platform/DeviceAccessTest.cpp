@@ -141,10 +141,6 @@ TEST(AuthOpenClient, CountsOnlyExactlyOneDescriptorAsAnswer) {
   }
   // Every descriptor that arrived but did not count was closed.
   EXPECT_EQ(openDescriptors(), before);
-  const AuthOpenReply missing =
-      requestDescriptor(AuthOpenCommand::direct(dir.file("no-such-helper")), file, std::nullopt);
-  EXPECT_EQ(missing.systemError, ENOENT);
-  EXPECT_FALSE(missing.fd.valid());
 }
 
 TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
@@ -189,35 +185,21 @@ TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
 
 TEST(SourceOpener, OpensFilesAndRefusesWhatIsNeitherFileNorDevice) {
   TempDir dir;
-  const std::string file = dir.file("image.bin");
+  const std::string file = dir.file("image.bin"), fifo = dir.file("pipe");
   testing::writeFile(file, std::string(1000, 'v'));
   const std::unique_ptr<ByteSource> source = SourceOpener::open(file);
   ASSERT_NE(dynamic_cast<FileSource*>(source.get()), nullptr);
   EXPECT_EQ(source->size(), 1000u);
   EXPECT_EQ(source->descriptionForReport(), file);
 
-  const std::string folder = dir.path().string(), fifo = dir.file("pipe"),
-                    missing = dir.file("missing");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const std::pair<std::string, DeviceError> refusals[] = {
-      {folder, DeviceError::notAFileOrDevice(folder)},
-      {fifo, DeviceError::notAFileOrDevice(fifo)},
-      {missing, DeviceError::cannotOpen(missing, ENOENT)},
-      // A character device without a size is not something to read.
-      {"/dev/null", DeviceError::notAFileOrDevice("/dev/null")},
-  };
-  for (const auto& [path, expected] : refusals) {
-    try {
-      SourceOpener::open(path);
-      ADD_FAILURE() << "opened " << path;
-    } catch (const DeviceError& error) {
-      EXPECT_EQ(error, expected) << path;
-    }
+  // A character device without a size is not something to read.
+  for (const std::string& path : {dir.path().string(), fifo, std::string("/dev/null")}) {
+    EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(path); }),
+              path + " is not a readable file or device.");
   }
-  EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(fifo); }),
-            fifo + " is not a readable file or device.");
-  EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(missing); }),
-            "Could not open " + missing + ": No such file or directory");
+  EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(dir.file("missing")); }),
+            "Could not open " + dir.file("missing") + ": No such file or directory");
 }
 
 TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughTheHelper) {

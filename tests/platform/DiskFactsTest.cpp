@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include "Machine.h"
 #include "platform/DiskEnumerator.h"
@@ -242,26 +241,6 @@ TEST(DiskEnumerator, CardLikeRulesInOrderAndCardWordsAreWholeWords) {
                                             {"microSD", true}}) {
     EXPECT_EQ((ExternalDisk{"sdb", mediaName, 1, {}}.isMemoryCard()), expected) << mediaName;
   }
-}
-
-TEST(DiskEnumerator, WholeDiskOfAVolumeFollowsItsDeviceNumber) {
-  FakeSystem fake;
-  testing::buildLaptop(fake);
-  // Pretend the file system holding the fake tree is sdb1.
-  struct stat st {};
-  ASSERT_EQ(::stat(fake.root().c_str(), &st), 0);
-  const std::string dev = std::to_string(DeviceNumber::fromDev(st.st_dev).major) + ":" +
-                          std::to_string(DeviceNumber::fromDev(st.st_dev).minor);
-  std::error_code ignored;
-  std::filesystem::remove(fake.paths().sysRoot / "dev/block" / dev, ignored);
-  fake.devLink(dev, "sdb1");
-  const auto disk = DiskEnumerator::wholeDisk(fake.root(), fake.paths());
-  ASSERT_TRUE(disk.has_value());
-  EXPECT_EQ(*disk, (DiskEnumerator::WholeDisk{"sdb", "/dev/sdb", 62333952ull * 512}));
-
-  EXPECT_FALSE(DiskEnumerator::wholeDisk("/no/such/path", fake.paths()).has_value());
-  FakeSystem empty;
-  EXPECT_FALSE(DiskEnumerator::wholeDisk(empty.root(), empty.paths()).has_value());
 }
 
 }  // namespace

@@ -93,11 +93,6 @@ FakeSystem& FakeSystem::holder(const std::string& lower, const std::string& hold
   return *this;
 }
 
-FakeSystem& FakeSystem::devLink(const std::string& dev, const std::string& name) {
-  fs::create_directory_symlink(folders_.at(name), paths_.sysRoot / "dev/block" / dev);
-  return *this;
-}
-
 FakeSystem& FakeSystem::diskAttribute(const std::string& name, const std::string& attribute,
                                       const std::string& value) {
   put(folders_.at(name), attribute, value);

@@ -24,7 +24,6 @@ class FakeSystem {
   FakeSystem& operator=(const FakeSystem&) = delete;
 
   const SystemPaths& paths() const noexcept { return paths_; }
-  std::string root() const { return root_.string(); }
 
   // A device folder under sys/devices (created with its parents) whose
   // `subsystem` link names the given subsystem (empty: no link).
@@ -48,9 +47,6 @@ class FakeSystem {
                         const std::string& dev);
   // Declares `holder` (an existing block device) stacked on `lower`.
   FakeSystem& holder(const std::string& lower, const std::string& holder);
-  // Maps a device number that is not a fake disk (such as a real st_dev) to a
-  // fake block device's folder.
-  FakeSystem& devLink(const std::string& dev, const std::string& name);
   FakeSystem& diskAttribute(const std::string& name, const std::string& attribute,
                             const std::string& value);
   FakeSystem& udev(const std::string& dev, const std::string& record);

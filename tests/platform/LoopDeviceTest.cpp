@@ -126,6 +126,8 @@ TEST(LoopDevices, UnmountAllUnmountsAPartitionAndRefusesWhileBusy) {
     const auto whole = DiskEnumerator::wholeDisk(point);
     ASSERT_TRUE(whole.has_value());
     EXPECT_EQ(*whole, (DiskEnumerator::WholeDisk{name, disk.loop.path(), 64u << 20}));
+    for (const std::string& noDisk : {disk.dir.file("no such path"), std::string("/proc")})
+      EXPECT_FALSE(DiskEnumerator::wholeDisk(noDisk).has_value()) << noDisk;
     // Listed with the mount point's name (no udev here to give the label).
     const std::vector<ExternalDisk> disks = DiskEnumerator::externalDisks(true);
     const auto it = std::ranges::find(disks, name, &ExternalDisk::deviceIdentifier);
