@@ -16,7 +16,7 @@
 
 namespace {
 
-int send(const int* fds, int count) {
+int send(const int* fds, std::size_t count) {
   char byte = 0;
   iovec vector{&byte, 1};
   alignas(cmsghdr) char control[CMSG_SPACE(2 * sizeof(int))] = {};
@@ -24,14 +24,11 @@ int send(const int* fds, int count) {
   message.msg_iov = &vector;
   message.msg_iovlen = 1;
   if (count > 0) {
-    const auto bytes = static_cast<std::size_t>(count) * sizeof(int);
     message.msg_control = control;
-    message.msg_controllen = CMSG_SPACE(bytes);
+    message.msg_controllen = CMSG_SPACE(count * sizeof(int));
     cmsghdr* header = CMSG_FIRSTHDR(&message);
-    header->cmsg_level = SOL_SOCKET;
-    header->cmsg_type = SCM_RIGHTS;
-    header->cmsg_len = CMSG_LEN(bytes);
-    std::memcpy(CMSG_DATA(header), fds, bytes);
+    *header = {CMSG_LEN(count * sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    std::memcpy(CMSG_DATA(header), fds, count * sizeof(int));
   }
   return ::sendmsg(STDOUT_FILENO, &message, 0) == 1 ? 0 : 1;
 }
@@ -41,19 +38,12 @@ int send(const int* fds, int count) {
 int main(int argc, char** argv) {
   if (argc < 3) return 2;
   const std::string_view mode = argv[1];
-  const char* path = argv[argc - 1];
+  const int in = STDIN_FILENO;
   if (mode == "nothing") return 0;
   if (mode == "data-only") return send(nullptr, 0);
-  if (mode == "stdin") {
-    const int in = STDIN_FILENO;
-    return send(&in, 1);
-  }
-  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (mode == "stdin") return send(&in, 1);
+  const int fd = ::open(argv[argc - 1], O_RDONLY | O_CLOEXEC);
+  const int fds[2] = {fd, fd};
   if (fd < 0) return 1;
-  if (mode == "read-only") return send(&fd, 1);
-  if (mode == "two") {
-    const int fds[2] = {fd, fd};
-    return send(fds, 2);
-  }
-  return 2;
+  return send(fds, mode == "two" ? 2 : 1);  // read-only
 }
