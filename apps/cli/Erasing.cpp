@@ -54,10 +54,10 @@ void saveBackup(const Target& target, const std::string& destination) {
                                                : std::make_unique<FileSource>(target.argument);
     source = opened.get();
   }
-  std::fprintf(stderr, "Backing up the %s to %s\u2026\n", target.noun().c_str(),
-               std::filesystem::path(destination).filename().c_str());
   CancellationFlag cancel;
   SignalCancellation signals(cancel);
+  std::fprintf(stderr, "Backing up the %s to %s\u2026\n", target.noun().c_str(),
+               std::filesystem::path(destination).filename().c_str());
   ProgressLine line;
   try {
     CardImage{}.save(*source, destination, cancel, line.callback());

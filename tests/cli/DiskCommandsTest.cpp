@@ -290,6 +290,34 @@ TEST(CliDisk, ErasingUnmountsTheDiskButNeverBacksUpOntoIt) {
   EXPECT_FALSE(isMounted(point)) << "the disk was written while mounted";
 }
 
+// Ctrl-C during the backup stops everything before the first write.
+TEST(CliDisk, StoppedBackupWritesNothing) {
+  VL_REQUIRE_FUSE_DISKS();
+  // Every request answers after 20 ms, so the backup takes seconds.
+  FuseDisk disk({.size = 16 * kMiB, .slow = {{0, 32767}}, .delayMs = 20});
+  LoopDevice loop(disk.file(), {.directIo = true});
+  const std::string name = loop.name();
+  testing::TempDir dir;
+  const std::string backup = dir.file("backup.img");
+
+  bool stopped = false;
+  const ProcessResult run = testing::runOnTerminal(
+      {"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY, "full", name, "--backup",
+       backup, "--confirm", name},
+      [&](const std::string& output, int pid, int) {
+        if (!stopped && contains(output, "Backing up the drive to backup.img")) {
+          stopped = ::kill(pid, SIGINT) == 0;
+        }
+      });
+  EXPECT_TRUE(stopped) << run.out;
+  EXPECT_EQ(run.exitCode, 130) << run.out;
+  EXPECT_TRUE(contains(run.out, "The test was stopped.")) << run.out;  // not killed outright
+  EXPECT_FALSE(contains(run.out, "Writing")) << run.out;
+  EXPECT_FALSE(std::filesystem::exists(backup)) << "the stopped backup was left behind";
+  // The disk still reads as it started: all zeros.
+  EXPECT_TRUE(FileSource(disk.file()).read(0, 16 * kMiB) == Bytes(16 * kMiB, 0));
+}
+
 TEST(CliDisk, CounterfeitFuseDiskIsCaughtByQuickCheckAndFullTest) {
   VL_REQUIRE_FUSE_DISKS();
   constexpr std::uint64_t kClaimed = 256 * kMiB;
