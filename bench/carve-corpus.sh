@@ -6,7 +6,8 @@
 #   bench/carve-corpus.sh [VELLUM_CHECK] [WORKDIR] [--seed N]
 #
 # VELLUM_CHECK defaults to the binary in build-corpus (built when missing),
-# WORKDIR to a fresh folder under /tmp. Exits 0 unless the carve itself fails.
+# WORKDIR to a fresh folder under /tmp (pass "" for either default). Exits 0
+# unless the carve itself fails. The table is a measurement, not a test.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
