@@ -8,6 +8,17 @@ function(vellum_defaults target)
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow
     -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
     -Werror)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # GCC 12 reports out-of-bounds copies inside libstdc++'s vector code at
+    # -O3 that cannot happen (fixed in GCC 13).
+    target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overflow
+      -Wno-stringop-overread)
+  endif()
+  if(VELLUM_SANITIZE)
+    # ASan's instrumentation makes GCC's maybe-uninitialized analysis report
+    # std::function and <regex> internals.
+    target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)
+  endif()
 endfunction()
 
 # vellum_library(NAME folder SOURCES ... DEPS ...)
