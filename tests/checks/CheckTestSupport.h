@@ -12,8 +12,14 @@
 #include "bytes/ByteSource.h"
 #include "checks/CheckTypes.h"
 #include "devices/SimulatedDevice.h"
+#include "support/FaultyDevice.h"
 
 namespace vellum::testing {
+
+using Overflow = SimulatedDevice::Overflow;
+constexpr std::uint64_t kKiB = 1024;
+constexpr std::uint64_t kMiB = 1024 * kKiB;
+inline const std::string kStopped = "The test was stopped.";
 
 // Reproducible noise, so a restored card can be told from a zeroed one.
 inline Bytes noise(std::size_t count, std::uint32_t seed) {
@@ -29,9 +35,22 @@ inline Bytes noise(std::size_t count, std::uint32_t seed) {
 // Fills everything the card really stores with noise; returns the storage.
 inline Bytes fillWithNoise(SimulatedDevice& device, std::uint32_t seed = 1) {
   const auto block = static_cast<std::uint64_t>(device.blockSize());
-  const std::uint64_t length = device.realCapacity() / block * block;
-  device.write(0, noise(static_cast<std::size_t>(length), seed));
+  device.write(0, noise(static_cast<std::size_t>(device.realCapacity() / block * block), seed));
   return device.storage();
+}
+
+// The SplitMix64 finaliser, word k of a stream from state s being mix(s + (k + 1) * gamma).
+constexpr std::uint64_t kGamma = 0x9E37'79B9'7F4A'7C15;
+inline std::uint64_t mix(std::uint64_t z) {
+  z = (z ^ (z >> 30)) * 0xBF58'476D'1CE4'E5B9;
+  z = (z ^ (z >> 27)) * 0x94D0'49BB'1331'11EB;
+  return z ^ (z >> 31);
+}
+
+// Writes a word little-endian, one byte at a time.
+inline void putWord(Bytes& bytes, std::size_t at, std::uint64_t word) {
+  for (std::size_t i = 0; i < 8; ++i)
+    bytes[at + i] = static_cast<std::uint8_t>(word >> (8 * i));
 }
 
 // A clock that only moves when a test moves it.
@@ -59,5 +78,14 @@ struct ProgressLog {
     return [this](const CheckProgress& progress) { reports.push_back(progress); };
   }
 };
+
+// Arms a hook that runs act() when the counter reaches k (the read or write about to happen).
+inline void atStep(FaultyDevice& device, int FaultyDevice::*counter, int k,
+                   std::function<void(std::uint64_t offset)> act) {
+  auto hook = [&device, counter, k, act](std::uint64_t offset, std::size_t) {
+    if (device.*counter == k) act(offset);
+  };
+  (counter == &FaultyDevice::writes ? device.beforeWrite : device.beforeRead) = hook;
+}
 
 }  // namespace vellum::testing

@@ -1,60 +1,46 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <map>
 #include <set>
-#include <string>
 
 #include "bytes/DeviceError.h"
 #include "bytes/MemorySource.h"
 #include "checks/CheckTestSupport.h"
 #include "checks/HealthScan.h"
-#include "devices/SimulatedDevice.h"
-#include "support/FaultyDevice.h"
 
 namespace vellum {
 namespace {
 
-using testing::FaultyDevice;
+using namespace testing;
 using Region = HealthScan::Result::Region;
 using Verdict = HealthScan::Result::Verdict;
 
-constexpr std::uint64_t kMiB = 1 << 20;
-
 // A card that reads zeros everywhere without holding any storage.
 SimulatedDevice emptyCard(std::uint64_t size, std::int64_t blockSize) {
-  return SimulatedDevice(size, 0, SimulatedDevice::Overflow::discard, blockSize);
+  return SimulatedDevice(size, 0, Overflow::discard, blockSize);
 }
 
-// Makes each chunk read take 1 / speed seconds on a fake clock, with the
-// speed in MB/s looked up by chunk number (default 20).
-void paceReads(FaultyDevice& device, testing::FakeClock& time, std::uint64_t chunk,
-               std::map<std::uint64_t, double> speeds) {
-  device.beforeRead = [&time, chunk, speeds](std::uint64_t offset, std::size_t length) {
-    const auto it = speeds.find(offset / chunk);
-    const double mbps = it == speeds.end() ? 20 : it->second;
-    time.now += static_cast<double>(length) / (mbps * 1e6);
-  };
+HealthScan withChunks(std::int64_t chunkBytes) {
+  HealthScan scan;
+  scan.chunkBytes = chunkBytes;
+  return scan;
 }
 
 TEST(HealthScan, FailingDemoCardShowsItsBadSectorsMerged) {
   SimulatedDevice device = emptyCard(256 * kMiB, 512);
   device.unreadableBlocks() = {40000, 40001, 200000, 350123};
-  testing::ProgressLog log;
+  ProgressLog log;
   const HealthScan::Result result =
       HealthScan{}.run(device, 512, CancellationFlag{}, log.callback());
-
   EXPECT_EQ(result.verdict, Verdict::unreadableAreas);
   EXPECT_EQ(result.scannedBytes, 256 * kMiB);
-  const std::vector<Region> expected = {
-      {40000 * 512, 1024}, {200000 * 512, 512}, {350123ull * 512, 512}};
-  EXPECT_EQ(result.unreadable, expected);
-  // 32 chunks of 8 MiB, three of them failed: no samples for those.
-  EXPECT_EQ(result.read.curve.size(), 29u);
+  EXPECT_EQ(
+      result.unreadable,
+      (std::vector<Region>{{40000 * 512, 1024}, {200000 * 512, 512}, {350123ull * 512, 512}}));
+  EXPECT_EQ(result.read.curve.size(), 29u);  // 32 chunks of 8 MiB; failed ones give no sample
   ASSERT_EQ(log.reports.size(), 32u);
-  EXPECT_EQ(log.reports.back(), (CheckProgress{CheckProgress::Phase::reading, 256 * kMiB,
-                                               256 * kMiB, log.reports.back().bytesPerSecond}));
+  EXPECT_EQ(log.reports.back().completed, 256 * kMiB);
   EXPECT_TRUE(log.reports.back().bytesPerSecond.has_value());
 }
 
@@ -83,11 +69,8 @@ TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
     faulty.beforeRead = [](std::uint64_t offset, std::size_t length) {
       if (offset == 0 && length == 4096) throw DeviceError::readFailed(0, EIO);
     };
-    HealthScan scan;
-    scan.chunkBytes = 4096;
-    testing::ProgressLog log;
-    const HealthScan::Result result =
-        scan.run(faulty, c.sector, CancellationFlag{}, log.callback());
+    ProgressLog log;
+    const auto result = withChunks(4096).run(faulty, c.sector, CancellationFlag{}, log.callback());
     EXPECT_EQ(result.unreadable, c.expected) << c.name;
     EXPECT_EQ(result.verdict, c.expected.empty() ? Verdict::healthy : Verdict::unreadableAreas)
         << c.name;
@@ -99,34 +82,28 @@ TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
 
 // Reads like a disk source: unreadable 512-byte sectors come back as zeros
 // and are counted in badReads, never thrown.
-class AbsorbingSource final : public ByteSource {
- public:
-  AbsorbingSource(std::uint64_t size, std::set<std::uint64_t> badSectors)
-      : size_(size), bad_(std::move(badSectors)) {}
-  std::uint64_t size() const override { return size_; }
-  std::int64_t badReads() const override { return badReads_; }
+struct AbsorbingSource final : ByteSource {
+  std::uint64_t length;
+  std::set<std::uint64_t> bad;
+  std::int64_t absorbed = 0;
+  AbsorbingSource(std::uint64_t size, std::set<std::uint64_t> sectors)
+      : length(size), bad(std::move(sectors)) {}
+  std::uint64_t size() const override { return length; }
+  std::int64_t badReads() const override { return absorbed; }
   std::string descriptionForReport() const override { return "absorbing"; }
   std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override {
-    if (offset >= size_) return 0;
-    const std::uint64_t end = std::min<std::uint64_t>(size_, offset + out.size());
-    for (std::uint64_t sector = offset / 512; sector * 512 < end; ++sector) {
-      if (bad_.contains(sector)) ++badReads_;
-    }
-    std::fill(out.begin(), out.end(), std::uint8_t{0});
-    return static_cast<std::size_t>(end - offset);
+    const std::size_t n = static_cast<std::size_t>(
+        std::min<std::uint64_t>(out.size(), length - std::min(offset, length)));
+    std::fill_n(out.begin(), n, std::uint8_t{0});
+    for (std::uint64_t sector = offset / 512; sector * 512 < offset + n; ++sector)
+      absorbed += bad.contains(sector);
+    return n;
   }
-
- private:
-  std::uint64_t size_;
-  std::set<std::uint64_t> bad_;
-  std::int64_t badReads_ = 0;
 };
 
 TEST(HealthScan, SectorsASourceAbsorbedAsZerosAreUnreadable) {
   AbsorbingSource source(16384, {3, 4, 20});
-  HealthScan scan;
-  scan.chunkBytes = 4096;
-  const HealthScan::Result result = scan.run(source, 512, CancellationFlag{});
+  const HealthScan::Result result = withChunks(4096).run(source, 512, CancellationFlag{});
   EXPECT_EQ(result.verdict, Verdict::unreadableAreas);
   EXPECT_EQ(result.unreadable, (std::vector<Region>{{1536, 1024}, {10240, 512}}));
   EXPECT_EQ(result.read.curve.size(), 2u) << "chunks with absorbed sectors give no sample";
@@ -136,8 +113,8 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
   constexpr std::uint64_t chunk = 1'000'000;
   struct Case {
     std::string name;
-    std::map<std::uint64_t, double> speeds;  // chunk number -> MB/s
-    std::set<std::uint64_t> unreadable;      // 512-byte blocks
+    std::map<std::uint64_t, double> speeds;  // chunk number -> MB/s, 20 otherwise
+    std::set<std::uint64_t> unreadable;      // 500-byte blocks
     Verdict verdict;
     std::vector<Region> slow;
   };
@@ -145,7 +122,7 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
       // Median of 20, 20, 20, 3 is index 2 of the sorted four: 20; 3 < 4.
       {"one slow chunk", {{3, 3}}, {}, Verdict::slowAreas, {{3 * chunk, chunk}}},
       {"just above the threshold is not slow", {{3, 4.01}}, {}, Verdict::healthy, {}},
-      {"neighbouring slow chunks merge",
+      {"neighbours merge",
        {{4, 1}, {5, 2}, {6, 3.9}},
        {},
        Verdict::slowAreas,
@@ -153,14 +130,15 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
       {"unreadable wins over slow", {{1, 1}}, {5000}, Verdict::unreadableAreas, {{chunk, chunk}}},
   };
   for (const Case& c : cases) {
-    const std::uint64_t chunks = c.speeds.size() > 1 ? 8 : 4;
-    SimulatedDevice device = emptyCard(chunks * chunk, 500);
+    SimulatedDevice device = emptyCard((c.speeds.size() > 1 ? 8 : 4) * chunk, 500);
     device.unreadableBlocks() = c.unreadable;
     FaultyDevice faulty(device);
-    testing::FakeClock time;
-    paceReads(faulty, time, chunk, c.speeds);
-    HealthScan scan;
-    scan.chunkBytes = chunk;
+    FakeClock time;
+    faulty.beforeRead = [&time, &c](std::uint64_t offset, std::size_t length) {
+      const auto it = c.speeds.find(offset / chunk);
+      time.now += static_cast<double>(length) / ((it == c.speeds.end() ? 20 : it->second) * 1e6);
+    };
+    HealthScan scan = withChunks(chunk);
     scan.clock = time.clock();
     const HealthScan::Result result = scan.run(faulty, 500, CancellationFlag{});
     EXPECT_EQ(result.verdict, c.verdict) << c.name;
@@ -171,24 +149,18 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
 
 TEST(HealthScan, EmptySourceIsHealthyAndCancellationStopsAtTheNextChunk) {
   MemorySource empty(Bytes{});
-  testing::ProgressLog log;
+  ProgressLog log;
   const HealthScan::Result result =
       HealthScan{}.run(empty, 512, CancellationFlag{}, log.callback());
-  EXPECT_EQ(result.verdict, Verdict::healthy);
-  EXPECT_EQ(result.scannedBytes, 0u);
-  EXPECT_TRUE(result.unreadable.empty() && result.slow.empty());
-  EXPECT_EQ(result.read, SpeedSummary{});
-  EXPECT_TRUE(log.reports.empty());
+  EXPECT_EQ(std::tuple(result.verdict, result.scannedBytes, result.read),
+            std::tuple(Verdict::healthy, 0u, SpeedSummary{}));
+  EXPECT_TRUE(result.unreadable.empty() && result.slow.empty() && log.reports.empty());
 
   SimulatedDevice device = emptyCard(8 * 4096, 512);
   FaultyDevice faulty(device);
   CancellationFlag flag;
-  faulty.beforeRead = [&](std::uint64_t, std::size_t) {
-    if (faulty.reads == 3) flag.cancel();
-  };
-  HealthScan scan;
-  scan.chunkBytes = 4096;
-  EXPECT_EQ(testing::errorText([&] { scan.run(faulty, 512, flag); }), "The test was stopped.");
+  atStep(faulty, &FaultyDevice::reads, 3, [&flag](std::uint64_t) { flag.cancel(); });
+  EXPECT_EQ(errorText([&] { withChunks(4096).run(faulty, 512, flag); }), kStopped);
   EXPECT_EQ(faulty.reads, 3);
 }
 

@@ -5,72 +5,68 @@
 #include "checks/FullTest.h"
 #include "checks/HealthScan.h"
 #include "checks/QuickCheck.h"
+#include "checks/Wipe.h"
 
 namespace vellum {
 namespace {
 
 using nlohmann::json;
 
-TEST(ResultJson, QuickCheckUsesFieldNamesAndVerdictNames) {
-  QuickCheck::Result result;
-  result.verdict = QuickCheck::Result::Verdict::unreliable;
-  result.claimedBytes = 64'000'000'000;
-  result.verifiedBytes = 4096;
-  result.pointsTested = 1152;
-  result.pointsIntact = 1150;
-  result.pointsAliased = 0;
-  result.pointsCorrupt = 2;
-  result.readMBps = 88.5;
-  result.duration = 41.25;
-  EXPECT_EQ(json(result), json::parse(R"({
+TEST(ResultJson, EachResultUsesItsFieldAndVerdictNames) {
+  QuickCheck::Result quick{
+      QuickCheck::Result::Verdict::unreliable, 64'000'000'000, 4096, 1152, 1150, 0, 2, 88.5, 41.25};
+  EXPECT_EQ(json(quick), json::parse(R"({
     "verdict": "unreliable", "claimedBytes": 64000000000, "verifiedBytes": 4096,
     "pointsTested": 1152, "pointsIntact": 1150, "pointsAliased": 0, "pointsCorrupt": 2,
     "readMBps": 88.5, "duration": 41.25})"));
-  EXPECT_EQ(toString(QuickCheck::Result::Verdict::genuine), "genuine");
-  EXPECT_EQ(toString(QuickCheck::Result::Verdict::counterfeit), "counterfeit");
-}
 
-TEST(ResultJson, FullTestWritesAbsentOptionalsAsNull) {
-  FullTest::Result result;
-  result.verdict = FullTest::Result::Verdict::failing;
-  result.claimedBytes = 41'060;
-  result.usableBytes = 8192;
-  result.holdsBytes = 36'864;
-  result.goodBlocks = 9;
-  result.corruptBlocks = 1;
-  result.firstBadOffset = 8192;
-  result.write = SpeedSummary({10.0});
-  result.duration = 2;
-  EXPECT_EQ(json(result), json::parse(R"({
+  FullTest::Result full;
+  full.verdict = FullTest::Result::Verdict::failing;
+  full.claimedBytes = 41'060;
+  full.usableBytes = full.firstBadOffset.emplace(8192);
+  full.holdsBytes = 36'864;
+  full.goodBlocks = 9;
+  full.corruptBlocks = 1;
+  full.write = SpeedSummary({10.0});
+  full.duration = 2;
+  EXPECT_EQ(json(full), json::parse(R"({
     "verdict": "failing", "claimedBytes": 41060, "usableBytes": 8192, "holdsBytes": 36864,
     "goodBlocks": 9, "aliasedBlocks": 0, "corruptBlocks": 1, "writeErrors": 0,
     "firstBadOffset": 8192, "speedClass": null, "duration": 2.0,
     "write": {"averageMBps": 10.0, "sustainedMBps": 10.0, "minimumMBps": 10.0, "curve": [10.0]},
     "read": {"averageMBps": 0.0, "sustainedMBps": 0.0, "minimumMBps": 0.0, "curve": []}})"));
+  full.firstBadOffset.reset();
+  full.speedClass = SpeedClass::v30;
+  EXPECT_TRUE(json(full)["firstBadOffset"].is_null());
+  EXPECT_EQ(json(full)["speedClass"], "U3 / V30");
 
-  result.verdict = FullTest::Result::Verdict::genuine;
-  result.firstBadOffset.reset();
-  result.speedClass = SpeedClass::v30;
-  const json genuine = result;
-  EXPECT_EQ(genuine["verdict"], "genuine");
-  EXPECT_TRUE(genuine["firstBadOffset"].is_null());
-  EXPECT_EQ(genuine["speedClass"], "U3 / V30");
-}
-
-TEST(ResultJson, HealthScanListsRegions) {
-  HealthScan::Result result;
-  result.verdict = HealthScan::Result::Verdict::slowAreas;
-  result.scannedBytes = 1'000'000;
-  result.slow = {{1024, 2048}};
-  const json encoded = result;
-  EXPECT_EQ(encoded["verdict"], "slowAreas");
-  EXPECT_EQ(encoded["slow"], json::parse(R"([{"offset": 1024, "length": 2048}])"));
-  EXPECT_EQ(encoded["unreadable"], json::array());
-  EXPECT_EQ(encoded["read"]["averageMBps"], 0.0);
-  EXPECT_EQ(encoded["scannedBytes"], 1'000'000);
-  EXPECT_TRUE(encoded.contains("duration"));
+  HealthScan::Result scan;
+  scan.verdict = HealthScan::Result::Verdict::slowAreas;
+  scan.scannedBytes = 1'000'000;
+  scan.slow = {{1024, 2048}};
+  EXPECT_EQ(json(scan), json::parse(R"({"verdict": "slowAreas", "scannedBytes": 1000000,
+    "unreadable": [], "slow": [{"offset": 1024, "length": 2048}], "duration": 0.0,
+    "read": {"averageMBps": 0.0, "sustainedMBps": 0.0, "minimumMBps": 0.0, "curve": []}})"));
   EXPECT_EQ(toString(HealthScan::Result::Verdict::unreadableAreas), "unreadableAreas");
-  EXPECT_EQ(toString(HealthScan::Result::Verdict::healthy), "healthy");
+
+  Wipe::Result wipe{Wipe::Method::random,
+                    268'435'456,
+                    1,
+                    16'384,
+                    2,
+                    SpeedSummary({40.0}),
+                    std::chrono::system_clock::time_point(std::chrono::seconds(1'772'366'405)) +
+                        std::chrono::milliseconds(750),
+                    12.5};
+  EXPECT_EQ(json(wipe), json::parse(R"({
+    "method": "random", "bytesOverwritten": 268435456, "writeErrors": 1,
+    "blocksNotErased": 16384, "recoverableFilesFound": 2,
+    "write": {"averageMBps": 40.0, "sustainedMBps": 40.0, "minimumMBps": 40.0, "curve": [40.0]},
+    "startedAt": "2026-03-01T12:00:05Z", "duration": 12.5})"));
+  EXPECT_EQ(displayName(Wipe::Method::zeros), "One pass of zeros");
+  EXPECT_EQ(displayName(Wipe::Method::random), "One pass of random data");
+  EXPECT_EQ(wipeMethodFromRawValue("zeros"), Wipe::Method::zeros);
+  EXPECT_EQ(wipeMethodFromRawValue("Zeros"), std::nullopt);
 }
 
 }  // namespace
