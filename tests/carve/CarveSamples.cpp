@@ -165,6 +165,199 @@ Bytes sampleRiff(std::string_view magic, std::string_view form, std::size_t body
   return file;
 }
 
+std::uint32_t TiffBuilder::ifd(std::vector<TiffField> fields, std::uint32_t next) {
+  std::sort(fields.begin(), fields.end(), [](auto& a, auto& b) { return a.tag < b.tag; });
+  const auto at = static_cast<std::uint32_t>(out.size());
+  put(out, static_cast<std::uint32_t>(fields.size()), 2);
+  std::vector<std::pair<std::size_t, Bytes>> outOfLine;
+  for (const TiffField& f : fields) {
+    Bytes value;
+    if (f.type == 2) {
+      append(value, f.text);
+      value.push_back(0);
+    } else {
+      for (std::uint32_t v : f.values)
+        put(value, v, f.type == 3 ? 2 : 4);
+    }
+    put(out, f.tag, 2);
+    put(out, f.type, 2);
+    put(out, static_cast<std::uint32_t>(f.type == 2 ? value.size() : f.values.size()), 4);
+    if (value.size() > 4) outOfLine.emplace_back(out.size(), value);
+    value.resize(std::max<std::size_t>(value.size(), 4), 0);
+    out.insert(out.end(), value.begin(), value.begin() + 4);
+  }
+  put(out, next, 4);
+  for (auto& [field, value] : outOfLine) {
+    patch(field, static_cast<std::uint32_t>(out.size()));
+    append(out, value);
+  }
+  return at;
+}
+
+std::vector<TiffField> tiffImageFields(std::vector<std::uint32_t> strips,
+                                       std::vector<std::uint32_t> lengths) {
+  return {tiffShort(256, 16), tiffShort(257, 8),
+          tiffShort(258, 8),  tiffShort(259, 1),
+          tiffShort(262, 1),  tiffLong(273, std::move(strips)),
+          tiffShort(278, 4),  tiffLong(279, std::move(lengths))};
+}
+
+TiffBuilder stripTiff(bool bigEndian) {
+  TiffBuilder tiff(bigEndian);
+  const std::uint32_t s1 = tiff.data(filler(300, 0x11));
+  const std::uint32_t s2 = tiff.data(filler(200, 0x22));
+  tiff.setFirstIfd(tiff.ifd(tiffImageFields({s1, s2}, {300, 200})));
+  return tiff;
+}
+
+TiffBuilder ifdFirstTiff(bool bigEndian, std::uint32_t secondStrip) {
+  TiffBuilder tiff(bigEndian);
+  tiff.setFirstIfd(8);
+  tiff.ifd(tiffImageFields({0, 0}, {300, secondStrip}));
+  const std::size_t table = 8 + 2 + 12 * 8 + 4;  // the strip offsets follow IFD0
+  tiff.patch(table, tiff.data(filler(300, 0x11)));
+  tiff.patch(table + 4, tiff.data(filler(secondStrip, 0x22)));
+  return tiff;
+}
+
+namespace {
+void appendLe64(Bytes& out, std::uint64_t value) {
+  for (int shift = 0; shift < 64; shift += 8)
+    out.push_back(static_cast<std::uint8_t>(value >> shift));
+}
+}  // namespace
+
+ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comment,
+                     bool zip64End) {
+  ZipArchive out;
+  Bytes& b = out.bytes;
+  std::vector<std::size_t> localAt;
+  for (const ZipEntry& e : entries) {
+    localAt.push_back(b.size());
+    const bool descriptor = e.descriptor != ZipDescriptor::none;
+    const bool known = !descriptor || e.descriptor == ZipDescriptor::withSizesInHeader;
+    const auto size = static_cast<std::uint32_t>(e.data.size());
+    appendLe32(b, 0x04034B50);
+    appendLe16(b, e.zip64 ? 45 : 20);
+    appendLe16(b, descriptor ? 0x08 : 0);
+    appendLe16(b, e.method);
+    appendLe32(b, 0);  // time and date
+    appendLe32(b, 0);  // CRC (not checked)
+    appendLe32(b, e.zip64 ? 0xFFFFFFFF : (known ? size : 0));
+    appendLe32(b, e.zip64 ? 0xFFFFFFFF : (known ? size : 0));
+    appendLe16(b, static_cast<std::uint16_t>(e.name.size()));
+    appendLe16(b, e.zip64 ? 20 : 0);
+    append(b, e.name);
+    if (e.zip64) {
+      appendLe32(b, 0x00100001);  // extra field 1 of 16 bytes
+      appendLe64(b, known ? size : 0);
+      appendLe64(b, known ? size : 0);
+    }
+    out.dataAt.push_back(b.size());
+    append(b, e.data);
+    if (descriptor) {
+      if (e.descriptor != ZipDescriptor::withoutSignature) appendLe32(b, 0x08074B50);
+      appendLe32(b, 0);
+      for (int i = 0; i < 2; ++i)
+        e.zip64 ? appendLe64(b, size) : appendLe32(b, size);
+    }
+  }
+  out.directoryAt = b.size();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const ZipEntry& e = entries[i];
+    appendLe32(b, 0x02014B50);
+    appendLe32(b, 0x0014031E);
+    appendLe16(b, e.descriptor != ZipDescriptor::none ? 0x08 : 0);
+    appendLe16(b, e.method);
+    appendLe32(b, 0);
+    appendLe32(b, 0);
+    appendLe32(b, static_cast<std::uint32_t>(e.data.size()));
+    appendLe32(b, static_cast<std::uint32_t>(e.data.size()));
+    appendLe16(b, static_cast<std::uint16_t>(e.name.size()));
+    b.resize(b.size() + 12, 0);  // extra, comment, disk, attributes
+    appendLe32(b, static_cast<std::uint32_t>(localAt[i]));
+    append(b, e.name);
+  }
+  const std::size_t directorySize = b.size() - out.directoryAt;
+  const auto count = static_cast<std::uint16_t>(entries.size());
+  if (zip64End) {
+    const std::size_t recordAt = b.size();
+    appendLe32(b, 0x06064B50);
+    appendLe64(b, 44);
+    appendLe32(b, 0x002D002D);
+    appendLe64(b, 0);
+    appendLe64(b, count);
+    appendLe64(b, count);
+    appendLe64(b, directorySize);
+    appendLe64(b, out.directoryAt);
+    appendLe32(b, 0x07064B50);
+    appendLe32(b, 0);
+    appendLe64(b, recordAt);
+    appendLe32(b, 1);
+  }
+  appendLe32(b, 0x06054B50);
+  appendLe32(b, 0);
+  appendLe16(b, zip64End ? 0xFFFF : count);
+  appendLe16(b, zip64End ? 0xFFFF : count);
+  appendLe32(b, zip64End ? 0xFFFFFFFF : static_cast<std::uint32_t>(directorySize));
+  appendLe32(b, zip64End ? 0xFFFFFFFF : static_cast<std::uint32_t>(out.directoryAt));
+  appendLe16(b, static_cast<std::uint16_t>(comment.size()));
+  append(b, comment);
+  return out;
+}
+
+Bytes sampleOle2(std::uint16_t shift, std::uint32_t fatSectors, const Bytes& body) {
+  Bytes b = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
+  b.resize(24, 0);
+  appendLe16(b, 0x003E);  // minor version
+  appendLe16(b, shift == 12 ? 4 : 3);
+  appendLe16(b, 0xFFFE);  // byte order mark
+  appendLe16(b, shift);
+  appendLe16(b, 6);  // mini sector shift
+  b.resize(44, 0);
+  appendLe32(b, fatSectors);
+  b.resize(512, 0xFF);
+  append(b, body);
+  return b;
+}
+
+Bytes utf16(std::string_view s) {
+  Bytes out;
+  for (char c : s)
+    append(out, {static_cast<std::uint8_t>(c), 0});
+  return out;
+}
+
+Bytes sampleMp3(std::size_t frames, std::uint32_t tagSize, bool footer) {
+  Bytes t = {'I', 'D', '3', 4, 0, static_cast<std::uint8_t>(footer ? 0x10 : 0)};
+  for (int shift = 21; shift >= 0; shift -= 7)
+    t.push_back(static_cast<std::uint8_t>((tagSize >> shift) & 0x7F));
+  t.resize(10 + tagSize, 0);
+  if (footer) append(t, {'3', 'D', 'I', 4, 0, 0x10, 0, 0, 0, 0});
+  for (std::size_t i = 0; i < frames; ++i) {
+    append(t, {0xFF, 0xFB, 0x90, 0x00});
+    t.resize(t.size() + 413, 0x55);
+  }
+  return t;
+}
+
+Bytes pdfBody(std::string_view version) {
+  Bytes pdf = text("%PDF-");
+  append(pdf, version);
+  append(pdf,
+         "\n%\xE2\xE3\xCF\xD3\n1 0 obj\n<< /Type /Catalog /Pages 2 0 R >>\nendobj\n"
+         "2 0 obj\n<< /Type /Pages /Kids [] /Count 0 >>\nendobj\n"
+         "xref\n0 3\n0000000000 65535 f \ntrailer\n<< /Size 3 /Root 1 0 R >>\nstartxref\n9\n");
+  return pdf;
+}
+
+Bytes pdfUpdate(std::size_t padding) {
+  Bytes u = text("3 0 obj\n<< /Length 0 >>\nstream\n");
+  append(u, filler(padding, 'x'));
+  append(u, "\nendstream\nendobj\nxref\n3 1\ntrailer\n<< /Prev 9 >>\nstartxref\n200\n");
+  return u;
+}
+
 Bytes filler(std::size_t size, std::uint8_t value) {
   return Bytes(size, value);
 }

@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "bytes/ByteSource.h"
 #include "bytes/MemorySource.h"
@@ -50,11 +52,109 @@ Bytes sampleIsoBmff(std::string_view brand,
 // "RIFF"/"FORM" container: magic, size (of form type plus body), form type, body.
 Bytes sampleRiff(std::string_view magic, std::string_view form, std::size_t bodyBytes);
 
-// size bytes of filler that holds no signature of any format.
 Bytes filler(std::size_t size, std::uint8_t value = 0x00);
 
 // Places data at offset in image (which grows as needed).
 void place(Bytes& image, std::size_t offset, const Bytes& data);
+
+inline Bytes text(std::string_view s) {
+  return Bytes(s.begin(), s.end());
+}
+inline Bytes withTail(Bytes file, std::size_t tail, std::uint8_t value = 0) {
+  file.resize(file.size() + tail, value);
+  return file;
+}
+// Zeros up to the next multiple of 512.
+inline void padToSector(Bytes& out) {
+  out.resize((out.size() + 511) / 512 * 512, 0);
+}
+
+// TIFF in either byte order: blocks and IFDs in the order added, values
+// longer than 4 bytes right after their IFD. Fields are (tag, type 2/3/4,
+// values); ASCII fields carry their text in `text`.
+struct TiffField {
+  std::uint16_t tag;
+  std::uint16_t type;
+  std::vector<std::uint32_t> values;
+  std::string text = {};
+};
+class TiffBuilder {
+ public:
+  explicit TiffBuilder(bool bigEndian) : big_(bigEndian) {
+    append(out, bigEndian ? "MM" : "II");
+    put(out, 42, 2);
+    put(out, 0, 4);
+  }
+  std::uint32_t data(const Bytes& bytes) {
+    const auto at = static_cast<std::uint32_t>(out.size());
+    append(out, bytes);
+    return at;
+  }
+  std::uint32_t ifd(std::vector<TiffField> fields, std::uint32_t next = 0);
+  void setFirstIfd(std::uint32_t offset) { patch(4, offset); }
+  void patch(std::size_t at, std::uint32_t value, int width = 4) {
+    Bytes raw;
+    put(raw, value, width);
+    std::copy(raw.begin(), raw.end(), out.begin() + static_cast<std::ptrdiff_t>(at));
+  }
+  void put(Bytes& to, std::uint32_t value, int width) const {
+    for (int i = 0; i < width; ++i)
+      to.push_back(static_cast<std::uint8_t>(value >> (big_ ? 8 * (width - 1 - i) : 8 * i)));
+  }
+  Bytes out;
+
+ private:
+  bool big_;
+};
+inline TiffField tiffShort(std::uint16_t tag, std::uint32_t value) {
+  return {tag, 3, {value}};
+}
+inline TiffField tiffLong(std::uint16_t tag, std::vector<std::uint32_t> values) {
+  return {tag, 4, std::move(values)};
+}
+inline TiffField tiffAscii(std::uint16_t tag, std::string value) {
+  return {tag, 2, {}, std::move(value)};
+}
+// The 8 baseline fields of a small greyscale image in the given strips
+// (StripOffsets is the sixth).
+std::vector<TiffField> tiffImageFields(std::vector<std::uint32_t> strips,
+                                       std::vector<std::uint32_t> lengths);
+// Strips of 300 and 200 bytes, then IFD0 at 508 (as libtiff lays files out).
+TiffBuilder stripTiff(bool bigEndian);
+// IFD0 at 8, its two 8-byte tables, then strips of 300 and secondStrip bytes.
+TiffBuilder ifdFirstTiff(bool bigEndian, std::uint32_t secondStrip = 200);
+
+// ZIP archives: local headers, optional data descriptors, central directory,
+// optional ZIP64 end record and locator, end record with comment.
+enum class ZipDescriptor { none, withSignature, withoutSignature, withSizesInHeader };
+struct ZipEntry {
+  std::string name;
+  Bytes data = Bytes(100, 0x5A);
+  std::uint16_t method = 8;
+  ZipDescriptor descriptor = ZipDescriptor::none;
+  bool zip64 = false;
+};
+struct ZipArchive {
+  Bytes bytes;
+  std::size_t directoryAt = 0;
+  std::vector<std::size_t> dataAt;
+};
+ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comment = "test",
+                     bool zip64End = false);
+
+// An OLE2 compound file header (sector shift, allocation-table sector
+// count), padded to 512 bytes, then body.
+Bytes sampleOle2(std::uint16_t shift, std::uint32_t fatSectors, const Bytes& body = {});
+Bytes utf16(std::string_view s);
+
+// An ID3v2.4 tag of tagSize bytes, optionally with a footer, then frames
+// of 417 bytes (MPEG-1 Layer III, 128 kbit/s, 44.1 kHz).
+Bytes sampleMp3(std::size_t frames, std::uint32_t tagSize = 300, bool footer = false);
+
+// A small PDF up to, not including, its end marker.
+Bytes pdfBody(std::string_view version = "1.7");
+// An appended update: new objects, a new xref and trailer, no end marker.
+Bytes pdfUpdate(std::size_t padding);
 
 // A memory source whose reads can be failed or counted by a test.
 class ScriptedSource final : public ByteSource {
