@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <ostream>
+#include <sstream>
 
 #include "bytes/MemorySource.h"
 #include "bytes/Precondition.h"
@@ -15,8 +17,7 @@
 
 namespace vellum::testing {
 
-// Runs one carver on data with a fresh context (no window), as the engine
-// would at start.
+// Runs one carver on data with a fresh context, as the engine would at start.
 inline std::optional<CarveMatch> carveBytes(const FormatCarver& carver, const Bytes& data,
                                             std::uint64_t start = 0) {
   MemorySource source(data);
@@ -24,14 +25,31 @@ inline std::optional<CarveMatch> carveBytes(const FormatCarver& carver, const By
   return carver.carve(start, context);
 }
 
-// The first count bytes of data (a truncated copy).
+// The first count bytes of data.
 inline Bytes cut(const Bytes& data, std::size_t count) {
   VL_PRECONDITION(count <= data.size());
   return Bytes(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-// Runs the whole engine over image in catalog mode (64 KiB chunks, 512-byte
-// stride) and returns what it found as (start, length, ext, confidence).
+inline std::string readText(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+inline Bytes readBytes(const std::filesystem::path& path) {
+  const std::string text = readText(path);
+  return Bytes(text.begin(), text.end());
+}
+
+inline CarveEngine::Config carveConfig(
+    std::filesystem::path dir, CarveEngine::OutputMode mode = CarveEngine::OutputMode::catalog,
+    std::uint64_t chunk = 65536, std::uint64_t stride = 512,
+    FormatCategorySet categories = {allFormatCategories.begin(), allFormatCategories.end()}) {
+  return {std::move(categories), std::move(dir), mode, chunk, stride, 0.0};
+}
+
+// What a run found, as (start, length, ext, confidence).
 struct Found {
   std::uint64_t start;
   std::uint64_t length;
@@ -42,15 +60,17 @@ struct Found {
     return out << f.ext << "@" << f.start << "+" << f.length << " " << toString(f.confidence);
   }
 };
+inline std::vector<Found> found(const CarveReport& report) {
+  std::vector<Found> out;
+  for (const CarvedFile& f : report.files)
+    out.push_back({f.start, f.length, f.ext, f.confidence});
+  return out;
+}
+// The whole engine over image in catalog mode (64 KiB chunks, 512-byte stride).
 inline std::vector<Found> carveImage(const Bytes& image) {
   TempDir dir;
   MemorySource source(image);
-  const FormatCategorySet all(allFormatCategories.begin(), allFormatCategories.end());
-  CarveEngine engine(source, {all, dir.path(), CarveEngine::OutputMode::catalog, 65536, 512, 0});
-  std::vector<Found> out;
-  for (const CarvedFile& f : engine.run().files)
-    out.push_back({f.start, f.length, f.ext, f.confidence});
-  return out;
+  return found(CarveEngine(source, carveConfig(dir.path())).run());
 }
 
 inline CarveMatch exactMatch(std::uint64_t length, std::string ext, FormatCategory category) {
