@@ -39,6 +39,12 @@ inline Bytes fillWithNoise(SimulatedDevice& device, std::uint32_t seed = 1) {
   return device.storage();
 }
 
+// count bytes from offset.
+inline Bytes part(const Bytes& bytes, std::uint64_t offset, std::uint64_t count) {
+  const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
+  return Bytes(start, start + static_cast<std::ptrdiff_t>(count));
+}
+
 // The SplitMix64 finaliser, word k of a stream from state s being mix(s + (k + 1) * gamma).
 constexpr std::uint64_t kGamma = 0x9E37'79B9'7F4A'7C15;
 inline std::uint64_t mix(std::uint64_t z) {
