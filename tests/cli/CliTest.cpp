@@ -1,218 +1,199 @@
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <nlohmann/json.hpp>
-#include <random>
+#include <regex>
 
-#include "bytes/FileSource.h"
-#include "support/Subprocess.h"
-#include "support/TempDir.h"
+#include "CliRun.h"
 
-namespace vellum {
+// vellum-check on demo cards and image files, and its answers to bad input.
+
+namespace vellum::testing {
 namespace {
 
-using testing::ProcessResult;
-using testing::runOnTerminal;
-using testing::runProcess;
-using testing::TempDir;
-
-ProcessResult cli(std::vector<std::string> arguments, const std::string& input = {}) {
-  arguments.insert(arguments.begin(), VELLUM_CHECK_BINARY);
-  return runProcess(arguments, input);
-}
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// An image file of the given size filled with reproducible random bytes.
-void makeImage(const std::string& path, std::size_t size, unsigned seed = 7) {
-  std::mt19937_64 random(seed);
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i + 8 <= size; i += 8) {
-    const std::uint64_t word = random();
-    std::memcpy(bytes.data() + i, &word, 8);
+TEST(Cli, DemoCardRuns) {
+  struct Run {
+    std::vector<std::string> arguments;
+    int exitCode;
+    std::vector<std::string> out;  // lines the output holds
+    std::string err;
+  };
+  // Random data shows what zeros cannot: the fake card wraps its upper half
+  // onto its start. The failing card's unreadable sectors stop the search for
+  // files, so the wipe cannot vouch for it.
+  const Run runs[] = {
+      // clang-format off
+      {{"quick", "demo:genuine"}, 0, {"Capacity looks genuine\n", " Demo card (genuine) (268.4 MB)\n"}, ""},
+      {{"full", "demo:fake", "--confirm", "erase"}, 1, {"Fake capacity\n", "- Ask the seller for a refund. Save this report as evidence.\n", "- The card now holds test data. Format it before putting it back in your camera.\n"}, ""},
+      {{"wipe", "demo:genuine", "--confirm", "erase"}, 0, {"Wiped and verified\n", "Card:                         Demo card (genuine) (268.4 MB)\n", "Overwritten:                  268.4 MB\n", "Method:                       One pass of zeros\n", "Blocks not erased:            0\n", "Recoverable files afterwards: 0\n", "- Format the card to use it in a camera again.\n"}, ""},
+      {{"wipe", "demo:fake", "--confirm", "erase"}, 0, {"Wiped and verified\n", "Overwritten:                  536.9 MB\n"}, ""},
+      {{"wipe", "demo:fake", "--method", "random", "--confirm", "erase"}, 1, {"Wipe incomplete\n", "Method:                       One pass of random data\n", "- The card may be failing. For sensitive data, physically destroy it.\n"}, ""},
+      {{"wipe", "demo:failing", "--confirm", "erase"}, 3, {}, "vellum-check: demo:failing: Read failed at offset 20480000: Input/output error. The card may be failing; a Health Scan shows which areas.\n"},
+      // clang-format on
+  };
+  for (const Run& run : runs) {
+    const ProcessResult result = cli(run.arguments, false);
+    SCOPED_TRACE(run.arguments[0] + " " + run.arguments[1] + "\n" + result.out);
+    EXPECT_EQ(result.exitCode, run.exitCode);
+    for (const std::string& line : run.out)
+      EXPECT_TRUE(contains(result.out, line)) << line;
+    EXPECT_TRUE(!run.out.empty() || result.out.empty());
+    // No progress line either: stderr is not a terminal.
+    EXPECT_EQ(result.err, run.err);
   }
-  testing::writeFile(path, bytes);
-}
 
-Bytes readAll(const std::string& path) {
-  FileSource source(path);
-  return source.read(0, static_cast<std::int64_t>(source.size()));
-}
-
-TEST(Cli, QuickCheckVerdictsOfTheDemoCards) {
-  const ProcessResult genuine = cli({"quick", "demo:genuine"});
-  EXPECT_EQ(genuine.exitCode, 0) << genuine.err;
-  EXPECT_TRUE(contains(genuine.out, "Capacity looks genuine")) << genuine.out;
-  EXPECT_TRUE(contains(genuine.out, "Demo card (genuine) (268.4 MB)")) << genuine.out;
-  EXPECT_EQ(genuine.err, "");  // no progress line when stderr is not a terminal
-
-  const ProcessResult fake = cli({"quick", "demo:fake"});
-  EXPECT_EQ(fake.exitCode, 1) << fake.err;
-  EXPECT_TRUE(contains(fake.out, "Fake capacity")) << fake.out;
-  EXPECT_TRUE(contains(fake.out, "Ask the seller for a refund.")) << fake.out;
-}
-
-TEST(Cli, QuickCheckJsonOfTheFakeCard) {
-  const ProcessResult fake = cli({"quick", "demo:fake", "--json"});
+  const ProcessResult fake = cli({"quick", "demo:fake", "--json"}, false);
   ASSERT_EQ(fake.exitCode, 1) << fake.err;
-  const auto json = nlohmann::json::parse(fake.out);
-  EXPECT_EQ(json.at("verdict"), "counterfeit");
-  EXPECT_EQ(json.at("claimedBytes"), 536'870'912u);
+  const auto quick = nlohmann::json::parse(fake.out);
+  EXPECT_EQ(quick.at("verdict"), "counterfeit");
+  EXPECT_EQ(quick.at("claimedBytes"), 536'870'912u);
   // The real capacity is 96 MiB; the refined boundary lies within one step.
-  const auto verified = json.at("verifiedBytes").get<std::uint64_t>();
-  EXPECT_LE(verified, 100'663'296u);
-  EXPECT_GE(verified, 100'663'296u - 200'000u);
-  EXPECT_GT(json.at("pointsAliased").get<int>(), 0);
-  for (const char* key :
-       {"pointsTested", "pointsIntact", "pointsCorrupt", "readMBps", "duration"}) {
-    EXPECT_TRUE(json.contains(key)) << key;
-  }
-}
+  EXPECT_LE(quick.at("verifiedBytes").get<std::uint64_t>(), 100'663'296u);
+  EXPECT_GE(quick.at("verifiedBytes").get<std::uint64_t>(), 100'663'296u - 200'000u);
+  EXPECT_GT(quick.at("pointsAliased").get<int>(), 0);
+  for (const char* key : {"pointsTested", "pointsIntact", "pointsCorrupt", "readMBps", "duration"})
+    EXPECT_TRUE(quick.contains(key)) << key;
 
-TEST(Cli, FullTestAndHealthScanOfTheDemoCards) {
-  const ProcessResult fake = cli({"full", "demo:fake", "--confirm", "erase"});
-  EXPECT_EQ(fake.exitCode, 1) << fake.err;
-  EXPECT_TRUE(contains(fake.out, "Fake capacity")) << fake.out;
-  EXPECT_TRUE(contains(fake.out, "Format it before putting it back in your camera.")) << fake.out;
-
-  const ProcessResult genuine = cli({"full", "demo:genuine", "--confirm=erase", "--json"});
+  const ProcessResult genuine = cli({"full", "demo:genuine", "--confirm=erase", "--json"}, false);
   EXPECT_EQ(genuine.exitCode, 0) << genuine.err;
   EXPECT_EQ(nlohmann::json::parse(genuine.out).at("verdict"), "genuine");
 
-  const ProcessResult failing = cli({"health", "demo:failing", "--json"});
+  const ProcessResult failing = cli({"health", "demo:failing", "--json"}, false);
   EXPECT_EQ(failing.exitCode, 1) << failing.err;
-  const auto json = nlohmann::json::parse(failing.out);
-  EXPECT_EQ(json.at("verdict"), "unreadableAreas");
-  const nlohmann::json expected = nlohmann::json::parse(
-      R"([{"offset":20480000,"length":1024},{"offset":102400000,"length":512},)"
-      R"({"offset":179262976,"length":512}])");
-  EXPECT_EQ(json.at("unreadable"), expected);
-
-  const ProcessResult text = cli({"health", "demo:failing"});
-  EXPECT_TRUE(contains(text.out, "Unreadable areas")) << text.out;
-  EXPECT_TRUE(contains(text.out, "in 3 areas couldn't be read.")) << text.out;
-}
-
-TEST(Cli, FullTestNeedsConfirmation) {
-  const ProcessResult refused = cli({"full", "demo:genuine"});
-  EXPECT_EQ(refused.exitCode, 2);
-  EXPECT_TRUE(contains(refused.err, "--confirm erase")) << refused.err;
-  EXPECT_EQ(refused.out, "");
-
-  const ProcessResult wrong = cli({"full", "demo:genuine", "--confirm", "yes"});
-  EXPECT_EQ(wrong.exitCode, 2);
-  EXPECT_TRUE(contains(wrong.err, "--confirm erase")) << wrong.err;
+  const auto health = nlohmann::json::parse(failing.out);
+  EXPECT_EQ(health.at("verdict"), "unreadableAreas");
+  EXPECT_EQ(health.at("unreadable"),
+            nlohmann::json::parse(R"([{"offset":20480000,"length":1024},)"
+                                  R"({"offset":102400000,"length":512},)"
+                                  R"({"offset":179262976,"length":512}])"));
 
   // On a terminal the word is asked for.
-  const ProcessResult typed =
-      runOnTerminal({VELLUM_CHECK_BINARY, "full", "demo:genuine"},
-                    [sent = false](const std::string& output, int, int terminal) mutable {
-                      if (!sent && output.find("Type erase to continue") != std::string::npos) {
-                        sent = write(terminal, "erase\n", 6) == 6;
-                      }
-                    });
-  EXPECT_EQ(typed.exitCode, 0) << typed.out;
-  EXPECT_TRUE(contains(typed.out, "Genuine")) << typed.out;
+  const TerminalRun typed =
+      cliOnTerminal({"full", "demo:genuine"}, "Type erase to continue", "erase");
+  EXPECT_TRUE(typed.acted) << typed.result.out;
+  EXPECT_EQ(typed.result.exitCode, 0) << typed.result.out;
+  EXPECT_TRUE(contains(typed.result.out, "Genuine")) << typed.result.out;
+
+  const ProcessResult list = cli({"list", "--json"}, false);
+  ASSERT_EQ(list.exitCode, 0) << list.err;
+  EXPECT_TRUE(nlohmann::json::parse(list.out).is_array()) << list.out;
 }
 
-TEST(Cli, ImageFilesAreTestedAsDevices) {
+TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
   TempDir dir;
+  writeFile(dir.file("tiny.img"), randomBytes(15 * 4096, 7));
   const std::string image = dir.file("card.img");
-  makeImage(image, 8 << 20);
-  const Bytes before = readAll(image);
-
-  const ProcessResult quick = cli({"quick", image, "--json"});
-  EXPECT_EQ(quick.exitCode, 0) << quick.err;
-  EXPECT_EQ(nlohmann::json::parse(quick.out).at("verdict"), "genuine");
-  EXPECT_EQ(readAll(image), before) << "a Quick Check must leave the data as it was";
-
-  const ProcessResult full = cli({"full", image, "--confirm", "erase", "--json"});
-  EXPECT_EQ(full.exitCode, 0) << full.err;
-  EXPECT_EQ(nlohmann::json::parse(full.out).at("goodBlocks"), 2048);
-
-  const ProcessResult health = cli({"health", image});
-  EXPECT_EQ(health.exitCode, 0) << health.err;
-  EXPECT_TRUE(contains(health.out, "Healthy")) << health.out;
-}
-
-TEST(Cli, BadInputGetsAClearMessage) {
-  TempDir dir;
-  makeImage(dir.file("tiny.img"), 15 * 4096);
+  const std::string content = randomBytes(kMiB, 5);
+  writeFile(image, content);
+  const std::string folder = dir.path().string();
+  const std::string wipeUsage =
+      "Usage: vellum-check wipe TARGET [--method zeros|random] [--confirm WORD] [--backup FILE] "
+      "[--json]\n";
   struct Case {
     std::vector<std::string> arguments;
     int exitCode;
-    std::string message;
+    std::string message;  // found on stderr, or on stdout when it succeeds
   };
   const Case cases[] = {
+      // clang-format off
+      {{"--help"}, 0, "vellum-check quick TARGET"},
+      {{"--version"}, 0, "vellum-check "},
+      {{"quick", "--help"}, 0, "vellum-check quick TARGET"},
       {{}, 2, "Usage: vellum-check"},
       {{"frobnicate"}, 2, "unknown command frobnicate"},
       {{"quick"}, 2, "missing arguments"},
       {{"quick", "demo:genuine", "--fast"}, 2, "unknown option --fast"},
       {{"quick", "demo:unicorn"}, 2, "unknown demo card demo:unicorn"},
+      {{"list", "sdb"}, 2, "Usage: vellum-check list [--json] [--include-images]"},
+      {{"full", "demo:genuine"}, 2, "--confirm erase"},
+      {{"full", "demo:genuine", "--confirm", "yes"}, 2, "--confirm erase"},
+      {{"wipe", image}, 2, "vellum-check: this erases everything on " + image + ". To confirm, add --confirm erase.\n"},
+      {{"wipe", image, "--confirm", "yes"}, 2, "vellum-check: --confirm yes doesn't match; type --confirm erase to erase " + image + ".\n"},
+      {{"wipe", image, "--method", "gutmann", "--confirm", "erase"}, 2, "vellum-check wipe: --method takes zeros or random, not gutmann.\n" + wipeUsage},
       {{"quick", dir.file("missing.img")}, 3, "There is no file at " + dir.file("missing.img")},
-      {{"quick", dir.path().string()}, 3, "is a folder, not a disk image file"},
-      {{"quick", dir.file("tiny.img")},
-       3,
-       dir.file("tiny.img") + ": The device is too small to test."},
+      {{"quick", folder}, 3, "is a folder, not a disk image file"},
+      {{"quick", dir.file("tiny.img")}, 3, dir.file("tiny.img") + ": The device is too small to test."},
       {{"quick", "sdzz"}, 3, "vellum-check: sdzz wasn't found. Was the card removed?"},
-      {{"full", "/dev/null", "--confirm", "null"},
-       3,
-       "vellum-check: null wasn't found. Was the card removed?"},
-      {{"image", "demo:genuine", dir.file("no/such/folder.img")},
-       3,
-       dir.file("no/such/folder.img")},
-      {{"image", dir.file("tiny.img"), dir.file("tiny.img")}, 2, "can't replace its own source"},
+      {{"full", "/dev/null", "--confirm", "null"}, 3, "vellum-check: null wasn't found. Was the card removed?"},
+      {{"image", "demo:genuine", dir.file("no/such/folder.img")}, 3, dir.file("no/such/folder.img")},
+      {{"image", image, image}, 2, "can't replace its own source"},
+      // clang-format on
   };
   for (const Case& c : cases) {
-    const ProcessResult result = cli(c.arguments);
+    const ProcessResult result = cli(c.arguments, false);
     SCOPED_TRACE(result.err);
     EXPECT_EQ(result.exitCode, c.exitCode);
-    EXPECT_TRUE(contains(result.err, c.message)) << "wanted: " << c.message;
+    EXPECT_TRUE(contains(c.exitCode == 0 ? result.out : result.err, c.message)) << c.message;
+    EXPECT_TRUE(c.exitCode == 0 || result.out.empty()) << result.out;
     EXPECT_FALSE(contains(result.err, "terminate called")) << "uncaught exception";
   }
+  EXPECT_TRUE(readAll(image) == content) << "a refused command wrote to the image";
 }
 
-TEST(Cli, HelpAndVersion) {
-  const ProcessResult help = cli({"--help"});
-  EXPECT_EQ(help.exitCode, 0);
-  EXPECT_TRUE(contains(help.out, "vellum-check quick TARGET")) << help.out;
-  const ProcessResult version = cli({"--version"});
-  EXPECT_EQ(version.exitCode, 0);
-  EXPECT_TRUE(contains(version.out, "vellum-check ")) << version.out;
-  EXPECT_EQ(cli({"quick", "--help"}).exitCode, 0);
-}
-
-TEST(Cli, ImageCommandCopiesTheCard) {
+TEST(Cli, ImageFilesAreTestedWipedAndCopied) {
   TempDir dir;
-  makeImage(dir.file("source.img"), (1 << 20) + 512);
-  const ProcessResult saved = cli({"image", dir.file("source.img"), dir.file("copy.img")});
+  TempDir scratch;
+  const std::string image = dir.file("card.img");
+  const std::string content = randomBytes(8 * kMiB, 7);
+  writeFile(image, content);
+
+  const ProcessResult quick = cli({"quick", image, "--json"}, false);
+  EXPECT_EQ(quick.exitCode, 0) << quick.err;
+  EXPECT_EQ(nlohmann::json::parse(quick.out).at("verdict"), "genuine");
+  EXPECT_TRUE(readAll(image) == content) << "a Quick Check must leave the data as it was";
+  const ProcessResult health = cli({"health", image}, false);
+  EXPECT_EQ(health.exitCode, 0) << health.err;
+  EXPECT_TRUE(contains(health.out, "Healthy")) << health.out;
+  const ProcessResult full = cli({"full", image, "--confirm", "erase", "--json"}, false);
+  EXPECT_EQ(full.exitCode, 0) << full.err;
+  EXPECT_EQ(nlohmann::json::parse(full.out).at("goodBlocks"), 2048);
+
+  // An odd size copies its last partial block too.
+  writeFile(dir.file("odd.img"), randomBytes(kMiB + 512, 8));
+  const ProcessResult saved = cli({"image", dir.file("odd.img"), dir.file("copy.img")}, false);
   EXPECT_EQ(saved.exitCode, 0) << saved.err;
-  EXPECT_EQ(readAll(dir.file("copy.img")), readAll(dir.file("source.img")));
+  EXPECT_TRUE(readAll(dir.file("copy.img")) == readAll(dir.file("odd.img")));
+
+  // A random wipe leaves neither zeros nor the JPEG at 4096, nor its scratch folder.
+  using namespace std::string_literals;
+  std::string noisy = randomBytes(2 * kMiB, 5);
+  const std::string jpeg =
+      "\xFF\xD8\xFF\xE0\x00\x10JFIF\x00\x01\x01\x00\x00\x01\x00\x01\x00\x00\xFF\xD9"s;
+  noisy.replace(4096, jpeg.size(), jpeg);
+  writeFile(image, noisy);
+  const ProcessResult wiped =
+      cli({"wipe", image, "--method=random", "--confirm", "erase", "--json"}, false,
+          {"TMPDIR=" + scratch.path().string()});
+  ASSERT_EQ(wiped.exitCode, 0) << wiped.err;
+  auto json = nlohmann::json::parse(wiped.out);
+  EXPECT_TRUE(json.at("write").contains("curve"));
+  EXPECT_TRUE(std::regex_match(json.at("startedAt").get<std::string>(),
+                               std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")));
+  json.erase("write");
+  json.erase("startedAt");
+  EXPECT_EQ(json, (nlohmann::json{{"method", "random"},
+                                  {"bytesOverwritten", 2 * kMiB},
+                                  {"writeErrors", 0},
+                                  {"blocksNotErased", 0},
+                                  {"recoverableFilesFound", 0},
+                                  {"duration", json.at("duration")}}));
+  const std::string after = readAll(image);
+  EXPECT_NE(after, std::string(after.size(), '\0'));
+  EXPECT_NE(after.substr(4096, 3), "\xFF\xD8\xFF");
+  EXPECT_TRUE(std::filesystem::is_empty(scratch.path())) << "the scratch folder was left behind";
 }
 
 // Ctrl-C on a terminal stops the Quick Check, which puts every byte back.
 TEST(Cli, InterruptedQuickCheckRestoresTheCard) {
   TempDir dir;
   const std::string image = dir.file("card.img");
-  makeImage(image, 256 << 20, 11);
-  const Bytes before = readAll(image);
-  bool interrupted = false;
-  const ProcessResult result = runOnTerminal(
-      {VELLUM_CHECK_BINARY, "quick", image}, [&](const std::string& output, int pid, int) {
-        if (!interrupted && output.find("Testing points") != std::string::npos) {
-          interrupted = ::kill(pid, SIGINT) == 0;
-        }
-      });
-  ASSERT_TRUE(interrupted) << result.out;
-  EXPECT_EQ(result.exitCode, 130) << result.out;
-  EXPECT_TRUE(contains(result.out, "The test was stopped.")) << result.out;
-  EXPECT_EQ(readAll(image), before) << "the cancelled check left test blocks behind";
+  const std::string content = randomBytes(256 * kMiB, 11);
+  writeFile(image, content);
+  const TerminalRun run = cliOnTerminal({"quick", image}, "Testing points");
+  ASSERT_TRUE(run.acted) << run.result.out;
+  EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
+  EXPECT_TRUE(contains(run.result.out, "The test was stopped.")) << run.result.out;
+  EXPECT_TRUE(readAll(image) == content) << "the cancelled check left test blocks behind";
 }
 
 }  // namespace
-}  // namespace vellum
+}  // namespace vellum::testing

@@ -1,77 +1,30 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
-#include <random>
-#include <sstream>
 
+#include "CliRun.h"
 #include "DiskFixtures.h"
-#include "bytes/FileSource.h"
 #include "platform/Process.h"
-#include "support/Subprocess.h"
-#include "support/TempDir.h"
 
 // The command line on real block devices: loop devices over image files, and
 // loop devices over the FUSE disk that behaves like a counterfeit or failing
 // card.
 
-namespace vellum {
+namespace vellum::testing {
 namespace {
 
-using testing::FuseDisk;
-using testing::LoopDevice;
-using testing::ProcessResult;
-
-constexpr std::uint64_t kMiB = 1 << 20;
-
-ProcessResult cli(std::vector<std::string> arguments, bool allowImages = true) {
-  arguments.insert(arguments.begin(), VELLUM_CHECK_BINARY);
-  return testing::runProcess(arguments, {},
-                             allowImages ? std::vector<std::string>{"VL_ALLOW_DISK_IMAGES=1"}
-                                         : std::vector<std::string>{});
-}
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
-// Reproducible random bytes, so a disk's content can be compared afterwards.
-std::string randomBytes(std::size_t size, unsigned seed) {
-  std::mt19937_64 random(seed);
-  std::string bytes(size, '\0');
-  for (std::size_t i = 0; i + 8 <= size; i += 8) {
-    const std::uint64_t word = random();
-    std::memcpy(bytes.data() + i, &word, 8);
-  }
-  return bytes;
-}
-
-std::string readAll(const std::string& path) {
-  FileSource source(path);
-  const Bytes bytes = source.read(0, static_cast<std::int64_t>(source.size()));
-  return {bytes.begin(), bytes.end()};
-}
-
-std::vector<nlohmann::json> jsonLines(const std::string& text) {
-  std::vector<nlohmann::json> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    if (!line.empty()) lines.push_back(nlohmann::json::parse(line));
-  }
-  return lines;
+std::string blkid(const std::string& device) {
+  return runProcess({findProgram("blkid").value_or("blkid"), "-p", "-o", "export", device}).out;
 }
 
 TEST(CliDisk, QuickFullAndHealthOfALoopDisk) {
   VL_REQUIRE_LOOP_DEVICES();
-  testing::TempDir dir;
+  TempDir dir;
   const std::string image = dir.file("card.img");
   const std::string content = randomBytes(32 * kMiB, 3);
-  testing::writeFile(image, content);
+  writeFile(image, content);
   LoopDevice loop(image);
   const std::string name = loop.name();
 
@@ -95,40 +48,31 @@ TEST(CliDisk, QuickFullAndHealthOfALoopDisk) {
   EXPECT_TRUE(contains(notFake.out, "Capacity looks genuine")) << notFake.out;
   EXPECT_TRUE(readAll(image) == content);
 
-  // The word that allows erasing is the disk's name, not "erase".
-  const ProcessResult unconfirmed = cli({"full", name, "--confirm", "erase"});
-  EXPECT_EQ(unconfirmed.exitCode, 2);
-  EXPECT_EQ(unconfirmed.err, "vellum-check: --confirm erase doesn't match; type --confirm " + name +
-                                 " to erase " + name + ".\n");
-  EXPECT_TRUE(readAll(image) == content);
-
-  // On a terminal the name is asked for.
-  bool typed = false;
-  const ProcessResult full = testing::runOnTerminal(
-      {"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY, "full", loop.path()},
-      [&](const std::string& output, int, int terminal) {
-        const std::string prompt = "Type " + name + " to continue";
-        if (!typed && contains(output, prompt)) {
-          const std::string answer = name + "\n";
-          typed =
-              write(terminal, answer.data(), answer.size()) == static_cast<ssize_t>(answer.size());
-        }
-      });
-  EXPECT_TRUE(typed) << full.out;
-  EXPECT_EQ(full.exitCode, 0) << full.out;
-  EXPECT_TRUE(contains(full.out, "Genuine")) << full.out;
+  // On a terminal the disk's name is asked for.
+  const TerminalRun full =
+      cliOnTerminal({"full", loop.path()}, "Type " + name + " to continue", name);
+  EXPECT_TRUE(full.acted) << full.result.out;
+  EXPECT_EQ(full.result.exitCode, 0) << full.result.out;
+  EXPECT_TRUE(contains(full.result.out, "Genuine")) << full.result.out;
   EXPECT_FALSE(readAll(image) == content) << "the Full Test did not write the disk";
 }
 
-TEST(CliDisk, GuardRefusalsAreTheErrorWithExitCode3) {
+TEST(CliDisk, RefusalsWriteNothing) {
   VL_REQUIRE_LOOP_DEVICES();
-  testing::TempDir dir;
+  TempDir dir;
   const std::string image = dir.file("card.img");
   const std::string content = randomBytes(8 * kMiB, 5);
-  testing::writeFile(image, content);
+  writeFile(image, content);
   LoopDevice loop(image);
   const std::string name = loop.name();
-
+  const std::string thenUsage =
+      "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n";
+  const std::string virtualDisk = "vellum-check: " + name + " is a virtual disk, not a card.\n";
+  const std::string wholeDisks =
+      "vellum-check: Only whole disks (like sdb or mmcblk0) can be tested, not " + name + "p1.\n";
+  // The word that allows erasing a disk is its name, not "erase".
+  const std::string mismatch = "vellum-check: --confirm erase doesn't match; type --confirm " +
+                               name + " to erase " + name + ".\n";
   struct Case {
     std::vector<std::string> arguments;
     bool allowImages;
@@ -136,60 +80,26 @@ TEST(CliDisk, GuardRefusalsAreTheErrorWithExitCode3) {
     std::string error;
   };
   const Case cases[] = {
-      {{"quick", name}, false, 3, "vellum-check: " + name + " is a virtual disk, not a card.\n"},
-      {{"full", name, "--confirm", name},
-       false,
-       3,
-       "vellum-check: " + name + " is a virtual disk, not a card.\n"},
-      {{"quick", name + "p1"},
-       true,
-       3,
-       "vellum-check: Only whole disks (like sdb or mmcblk0) can be tested, not " + name + "p1.\n"},
-      {{"full", "/dev/sdzz", "--confirm", "sdzz"},
-       true,
-       3,
-       "vellum-check: sdzz wasn't found. Was the card removed?\n"},
-      {{"format", "demo:fake", "--confirm", "erase"},
-       true,
-       3,
-       "vellum-check: Simulated cards can't be formatted.\n"},
-      {{"format", image, "--confirm", "erase"},
-       true,
-       3,
-       "vellum-check: " + image +
-           " is not a disk. Only disks (like sdb) can be formatted; a disk image file can be "
-           "attached with losetup first.\n"},
-      {{"quick", "demo:fake", "--then", "full"},
-       true,
-       2,
-       "vellum-check quick: --then is for disks (like sdb): demo cards and image files need no "
-       "Quick Check first. Run vellum-check full demo:fake directly.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
-      {{"quick", name, "--then", "health"},
-       true,
-       2,
-       "vellum-check quick: --then takes full, wipe or format, not health.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
-      {{"quick", name, "--then", "full", "--fs", "exfat"},
-       true,
-       2,
-       "vellum-check quick: unknown option --fs.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
-      {{"quick", name, "--then", "wipe", "--method", "shred", "--confirm", name},
-       true,
-       2,
-       "vellum-check quick: --method takes zeros or random, not shred.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
-      {{"quick", name, "--then", "format", "--fs", "ntfs", "--confirm", name},
-       true,
-       2,
-       "vellum-check quick: --fs takes exfat or fat32, not ntfs.\n"
-       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n"},
-      {{"quick", name, "--then", "full", "--confirm", "erase"},
-       true,
-       2,
-       "vellum-check: --confirm erase doesn't match; type --confirm " + name + " to erase " + name +
-           ".\n"},
+      // clang-format off
+      {{"quick", name}, false, 3, virtualDisk},
+      {{"full", name, "--confirm", name}, false, 3, virtualDisk},
+      {{"format", name, "--confirm", name}, false, 3, virtualDisk},
+      {{"quick", name + "p1"}, true, 3, wholeDisks},
+      {{"format", name + "p1", "--confirm", name}, true, 3, wholeDisks},
+      {{"full", name, "--confirm", "erase"}, true, 2, mismatch},
+      {{"format", loop.path(), "--confirm", "erase"}, true, 2, mismatch},
+      {{"quick", name, "--then", "full", "--confirm", "erase"}, true, 2, mismatch},
+      {{"format", name}, true, 2, "vellum-check: this erases everything on " + name + ". To confirm, add --confirm " + name + ".\n"},
+      {{"format", name, "--fs", "ntfs", "--confirm", name}, true, 2, "vellum-check format: --fs takes exfat or fat32, not ntfs.\nUsage: vellum-check format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]\n"},
+      {{"full", "/dev/sdzz", "--confirm", "sdzz"}, true, 3, "vellum-check: sdzz wasn't found. Was the card removed?\n"},
+      {{"format", "demo:fake", "--confirm", "erase"}, true, 3, "vellum-check: Simulated cards can't be formatted.\n"},
+      {{"format", image, "--confirm", "erase"}, true, 3, "vellum-check: " + image + " is not a disk. Only disks (like sdb) can be formatted; a disk image file can be attached with losetup first.\n"},
+      {{"quick", "demo:fake", "--then", "full"}, true, 2, "vellum-check quick: --then is for disks (like sdb): demo cards and image files need no Quick Check first. Run vellum-check full demo:fake directly.\n" + thenUsage},
+      {{"quick", name, "--then", "health"}, true, 2, "vellum-check quick: --then takes full, wipe or format, not health.\n" + thenUsage},
+      {{"quick", name, "--then", "full", "--fs", "exfat"}, true, 2, "vellum-check quick: unknown option --fs.\n" + thenUsage},
+      {{"quick", name, "--then", "wipe", "--method", "shred", "--confirm", name}, true, 2, "vellum-check quick: --method takes zeros or random, not shred.\n" + thenUsage},
+      {{"quick", name, "--then", "format", "--fs", "ntfs", "--confirm", name}, true, 2, "vellum-check quick: --fs takes exfat or fat32, not ntfs.\n" + thenUsage},
+      // clang-format on
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.arguments[0] + " " + c.arguments[1]);
@@ -203,10 +113,10 @@ TEST(CliDisk, GuardRefusalsAreTheErrorWithExitCode3) {
 
 TEST(CliDisk, BackupIsSavedBeforeTheFullTestAndAFailedOneStopsIt) {
   VL_REQUIRE_LOOP_DEVICES();
-  testing::TempDir dir;
+  TempDir dir;
   const std::string image = dir.file("card.img");
   const std::string content = randomBytes(16 * kMiB, 9);
-  testing::writeFile(image, content);
+  writeFile(image, content);
   LoopDevice loop(image);
   const std::string name = loop.name();
 
@@ -231,49 +141,34 @@ TEST(CliDisk, BackupIsSavedBeforeTheFullTestAndAFailedOneStopsIt) {
 
 bool isMounted(const std::string& point) {
   std::ifstream table("/proc/self/mountinfo");
-  std::string line;
-  while (std::getline(table, line)) {
+  for (std::string line; std::getline(table, line);) {
     if (contains(line, " " + point + " ")) return true;
   }
   return false;
 }
-
-// An ext4 volume on the loop disk's first partition, mounted for one scope.
-class MountedVolume {
- public:
-  MountedVolume(const LoopDevice& loop, const std::string& point) : point_(point) {
-    testing::runProcess({*findProgram("sfdisk"), "--quiet", loop.path()}, "start=2048, type=83\n");
-    loop.updatePartitions();
-    const std::string partition = loop.path() + "p1";
-    testing::runProcess({*findProgram("mkfs.ext4"), "-q", partition});
-    std::filesystem::create_directories(point);
-    mounted_ = ::mount(partition.c_str(), point.c_str(), "ext4", 0, nullptr) == 0;
-  }
-  ~MountedVolume() {
-    // Only if the command under test left it mounted.
-    if (mounted_ && isMounted(point_)) ::umount2(point_.c_str(), MNT_DETACH);
-  }
-  MountedVolume(const MountedVolume&) = delete;
-  MountedVolume& operator=(const MountedVolume&) = delete;
-  bool mounted() const { return mounted_; }
-
- private:
-  std::string point_;
-  bool mounted_ = false;
-};
 
 TEST(CliDisk, ErasingUnmountsTheDiskButNeverBacksUpOntoIt) {
   VL_REQUIRE_LOOP_DEVICES();
   for (const char* tool : {"sfdisk", "partx", "mkfs.ext4"}) {
     if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
   }
-  testing::TempDir dir;
-  testing::createSparseFile(dir.file("card.img"), 64 * kMiB);
+  TempDir dir;
+  createSparseFile(dir.file("card.img"), 64 * kMiB);
   LoopDevice loop(dir.file("card.img"));
   const std::string name = loop.name();
+  // An ext4 volume on the first partition; detached at the end only if the
+  // command under test left it mounted.
+  runProcess({*findProgram("sfdisk"), "--quiet", loop.path()}, "start=2048, type=83\n");
+  loop.updatePartitions();
+  runProcess({*findProgram("mkfs.ext4"), "-q", loop.path() + "p1"});
   const std::string point = dir.file("mnt");
-  MountedVolume volume(loop, point);
-  ASSERT_TRUE(volume.mounted());
+  std::filesystem::create_directories(point);
+  ASSERT_EQ(::mount((loop.path() + "p1").c_str(), point.c_str(), "ext4", 0, nullptr), 0);
+  const std::unique_ptr<const char, void (*)(const char*)> unmount(point.c_str(),
+                                                                   [](const char* p) {
+                                                                     if (isMounted(p))
+                                                                       ::umount2(p, MNT_DETACH);
+                                                                   });
 
   const std::string onCard = point + "/backup.img";
   const ProcessResult refused = cli({"full", name, "--backup", onCard, "--confirm", name});
@@ -297,22 +192,16 @@ TEST(CliDisk, StoppedBackupWritesNothing) {
   FuseDisk disk({.size = 16 * kMiB, .slow = {{0, 32767}}, .delayMs = 20});
   LoopDevice loop(disk.file(), {.directIo = true});
   const std::string name = loop.name();
-  testing::TempDir dir;
+  TempDir dir;
   const std::string backup = dir.file("backup.img");
 
-  bool stopped = false;
-  const ProcessResult run = testing::runOnTerminal(
-      {"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY, "full", name, "--backup",
-       backup, "--confirm", name},
-      [&](const std::string& output, int pid, int) {
-        if (!stopped && contains(output, "Backing up the drive to backup.img")) {
-          stopped = ::kill(pid, SIGINT) == 0;
-        }
-      });
-  EXPECT_TRUE(stopped) << run.out;
-  EXPECT_EQ(run.exitCode, 130) << run.out;
-  EXPECT_TRUE(contains(run.out, "The test was stopped.")) << run.out;  // not killed outright
-  EXPECT_FALSE(contains(run.out, "Writing")) << run.out;
+  const TerminalRun run = cliOnTerminal({"full", name, "--backup", backup, "--confirm", name},
+                                        "Backing up the drive to backup.img");
+  EXPECT_TRUE(run.acted) << run.result.out;
+  EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
+  // Stopped, not killed outright.
+  EXPECT_TRUE(contains(run.result.out, "The test was stopped.")) << run.result.out;
+  EXPECT_FALSE(contains(run.result.out, "Writing")) << run.result.out;
   EXPECT_FALSE(std::filesystem::exists(backup)) << "the stopped backup was left behind";
   // The disk still reads as it started: all zeros.
   EXPECT_TRUE(FileSource(disk.file()).read(0, 16 * kMiB) == Bytes(16 * kMiB, 0));
@@ -324,26 +213,23 @@ TEST(CliDisk, CounterfeitFuseDiskIsCaughtByQuickCheckAndFullTest) {
   constexpr std::uint64_t kReal = 40 * kMiB;
   FuseDisk disk({.size = kClaimed, .realCapacity = kReal});
   LoopDevice loop(disk.file(), {.directIo = true});
-  const std::string name = loop.name();
 
   // --then full runs the Full Test because the Quick Check proved it fake;
   // with --json each action prints its own line.
   const ProcessResult run =
-      cli({"quick", loop.path(), "--then", "full", "--confirm", name, "--json"});
+      cli({"quick", loop.path(), "--then", "full", "--confirm", loop.name(), "--json"});
   EXPECT_EQ(run.exitCode, 1) << run.err;
   const std::vector<nlohmann::json> results = jsonLines(run.out);
   ASSERT_EQ(results.size(), 2u) << run.out;
-  const nlohmann::json& quick = results[0];
-  EXPECT_EQ(quick.at("verdict"), "counterfeit");
-  EXPECT_EQ(quick.at("claimedBytes"), kClaimed);
+  EXPECT_EQ(results[0].at("verdict"), "counterfeit");
+  EXPECT_EQ(results[0].at("claimedBytes"), kClaimed);
   // The boundary is refined to one step of the second pass: a 1/1024 gap
   // split by 128 more points.
-  const auto verified = quick.at("verifiedBytes").get<std::uint64_t>();
+  const auto verified = results[0].at("verifiedBytes").get<std::uint64_t>();
   EXPECT_LE(verified, kReal);
   EXPECT_GE(verified, kReal - kClaimed / 1024 / 128 - 4096);
-  const nlohmann::json& full = results[1];
-  EXPECT_EQ(full.at("verdict"), "counterfeit");
-  EXPECT_GT(full.at("aliasedBlocks").get<std::int64_t>(), 0);
+  EXPECT_EQ(results[1].at("verdict"), "counterfeit");
+  EXPECT_GT(results[1].at("aliasedBlocks").get<std::int64_t>(), 0);
 }
 
 // A drive that claims more than 4 TB is erased only after a Quick Check in the
@@ -351,35 +237,29 @@ TEST(CliDisk, CounterfeitFuseDiskIsCaughtByQuickCheckAndFullTest) {
 TEST(CliDisk, DrivesOver4TBAreErasedOnlyAfterAQuickCheckProvesThemFake) {
   VL_REQUIRE_FUSE_DISKS();
   // 8 TiB: every first-pass point lands on the same 64 MiB of real flash.
-  constexpr std::uint64_t kClaimed = 8ull << 40;
-  FuseDisk disk({.size = kClaimed, .realCapacity = 64 * kMiB});
+  FuseDisk disk({.size = 8ull << 40, .realCapacity = 64 * kMiB});
   LoopDevice loop(disk.file(), {.directIo = true});
   const std::string name = loop.name();
-
-  const std::string refusal = "vellum-check: " + name +
-                              " reports more than 4 TB. Vellum only erases drives that size "
-                              "after a Quick Check shows the capacity is fake. Run a Quick Check "
-                              "first.\n";
   for (const std::string command : {"full", "wipe", "format"}) {
     const ProcessResult refused = cli({command, name, "--confirm", name});
     EXPECT_EQ(refused.exitCode, 3) << command;
-    EXPECT_EQ(refused.err, refusal) << command;
+    EXPECT_EQ(refused.err, "vellum-check: " + name +
+                               " reports more than 4 TB. Vellum only erases drives that size "
+                               "after a Quick Check shows the capacity is fake. Run a Quick "
+                               "Check first.\n")
+        << command;
   }
 
-  // With --then the Wipe starts on the proven fake; stopping it once it
-  // writes keeps the test short.
-  bool stopped = false;
-  const ProcessResult run =
-      testing::runOnTerminal({"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY,
-                              "quick", name, "--then", "wipe", "--confirm", name},
-                             [&](const std::string& output, int pid, int) {
-                               if (!stopped && contains(output, "Wiping"))
-                                 stopped = ::kill(pid, SIGINT) == 0;
-                             });
-  EXPECT_TRUE(contains(run.out, "Fake capacity")) << run.out;
-  EXPECT_TRUE(stopped) << run.out;
-  EXPECT_FALSE(contains(run.out, "reports more than 4 TB")) << run.out;
-  EXPECT_EQ(run.exitCode, 130) << run.out;
+  // With --then the Wipe starts on the proven fake; Ctrl-C once it writes
+  // keeps the test short and stops the wipe cleanly.
+  const TerminalRun run =
+      cliOnTerminal({"quick", name, "--then", "wipe", "--confirm", name}, "Wiping");
+  EXPECT_TRUE(contains(run.result.out, "Fake capacity")) << run.result.out;
+  EXPECT_TRUE(run.acted) << run.result.out;
+  EXPECT_FALSE(contains(run.result.out, "reports more than 4 TB")) << run.result.out;
+  EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
+  EXPECT_TRUE(contains(run.result.out, "The test was stopped.")) << run.result.out;
+  EXPECT_FALSE(contains(run.result.out, "Wiped and verified")) << run.result.out;
 }
 
 TEST(CliDisk, FailingFuseDiskHealthScanAndBackup) {
@@ -399,7 +279,7 @@ TEST(CliDisk, FailingFuseDiskHealthScanAndBackup) {
   // A backup before erasing keeps going past the bad sectors and says so.
   FuseDisk small({.size = 4 * kMiB, .unreadable = {{100, 101}, {5000, 5000}}});
   LoopDevice smallLoop(small.file(), {.directIo = true});
-  testing::TempDir dir;
+  TempDir dir;
   const ProcessResult full = cli({"full", smallLoop.name(), "--backup", dir.file("backup.img"),
                                   "--confirm", smallLoop.name()});
   EXPECT_EQ(full.exitCode, 1) << full.err;
@@ -408,5 +288,76 @@ TEST(CliDisk, FailingFuseDiskHealthScanAndBackup) {
   EXPECT_EQ(std::filesystem::file_size(dir.file("backup.img")), 4 * kMiB);
 }
 
+TEST(CliDisk, FormatsALoopDiskAndReportsToolFailures) {
+  VL_REQUIRE_LOOP_DEVICES();
+  for (const char* tool : {"sfdisk", "partx", "mkfs.exfat", "mkfs.fat", "blkid"}) {
+    if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
+  }
+  TempDir dir;
+  createSparseFile(dir.file("card.img"), 256 * kMiB);
+  LoopDevice loop(dir.file("card.img"));
+  const std::string name = loop.name();
+  struct Case {
+    std::string fileSystem, name, label, type;
+  };
+  for (const Case& c : {Case{"exfat", "my card", "MYCARD", "exfat"},
+                        Case{"fat32", "Holiday-Photos-2024", "HOLIDAYPHOT", "vfat"}}) {
+    SCOPED_TRACE(c.fileSystem);
+    const ProcessResult result = cli({"format", loop.path(), "--fs", c.fileSystem, "--name", c.name,
+                                      "--confirm", name, "--json"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(nlohmann::json::parse(result.out),
+              (nlohmann::json{{"fileSystem", c.fileSystem}, {"name", c.label}}));
+    const std::string found = blkid(loop.path() + "p1");
+    EXPECT_TRUE(contains(found, "TYPE=" + c.type + "\n")) << found;
+    EXPECT_TRUE(contains(found, "LABEL=" + c.label + "\n")) << found;
+  }
+
+  // Without --json the summary the application shows, with the disk's row.
+  const ProcessResult text = cli({"format", name, "--name", "cam", "--confirm", name});
+  ASSERT_EQ(text.exitCode, 0) << text.err;
+  EXPECT_EQ(text.err, "Formatting " + name + " as FAT32 named CAM\u2026\n");
+  EXPECT_TRUE(contains(text.out, "Formatted as FAT32 with the name CAM")) << text.out;
+  EXPECT_TRUE(contains(text.out, "Disk Image card.img")) << text.out;
+
+  // Too small for a partition at 4 MiB: sfdisk's own words.
+  createSparseFile(dir.file("tiny.img"), 3 * kMiB);
+  LoopDevice tiny(dir.file("tiny.img"));
+  const ProcessResult failed = cli({"format", tiny.name(), "--confirm", tiny.name()});
+  EXPECT_EQ(failed.exitCode, 3);
+  EXPECT_EQ(failed.err, "Formatting " + tiny.name() +
+                            " as FAT32 named UNTITLED\u2026\n"
+                            "vellum-check: Formatting failed: Start sector 8192 out of range.\n"
+                            "Failed to add #1 partition: Numerical result out of range\n");
+}
+
+TEST(CliDisk, ListsALoopDeviceOnlyWithIncludeImages) {
+  VL_REQUIRE_LOOP_DEVICES();
+  TempDir dir;
+  const std::string image = dir.file("reader sd.img");
+  createSparseFile(image, 8 * kMiB);
+  LoopDevice loop(image);
+  const auto entryFor = [&](const ProcessResult& result) {
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    for (const nlohmann::json& disk : nlohmann::json::parse(result.out)) {
+      if (disk.at("deviceIdentifier") == loop.name()) return disk;
+    }
+    return nlohmann::json();
+  };
+  EXPECT_TRUE(entryFor(cli({"list", "--json"}, false)).is_null());
+  const nlohmann::json disk = entryFor(cli({"list", "--json", "--include-images"}, false));
+  ASSERT_FALSE(disk.is_null());
+  EXPECT_EQ(disk.at("devicePath"), loop.path());
+  EXPECT_EQ(disk.at("mediaName"), "Disk Image reader sd.img");
+  EXPECT_EQ(disk.at("sizeBytes"), 8 * kMiB);
+  EXPECT_EQ(disk.at("sizeDescription"), "8.4 MB");
+  EXPECT_EQ(disk.at("isMemoryCard"), true);  // "reader" and "sd" are card words
+
+  const ProcessResult text = cli({"list", "--include-images"}, false);
+  EXPECT_TRUE(contains(text.out, loop.name())) << text.out;
+  EXPECT_TRUE(contains(text.out, "8.4 MB")) << text.out;
+  EXPECT_TRUE(contains(text.out, "card   Disk Image reader sd.img")) << text.out;
+}
+
 }  // namespace
-}  // namespace vellum
+}  // namespace vellum::testing
