@@ -18,26 +18,15 @@ void append(Bytes& out, const Bytes& bytes) {
   for (std::uint8_t b : bytes)
     out.push_back(b);
 }
-
-void appendBe16(Bytes& out, std::uint16_t value) {
-  out.push_back(static_cast<std::uint8_t>(value >> 8));
-  out.push_back(static_cast<std::uint8_t>(value));
+void be(Bytes& out, int width, std::initializer_list<std::uint64_t> values) {
+  for (std::uint64_t v : values)
+    for (int i = width - 1; i >= 0; --i)
+      out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
 }
-void appendBe32(Bytes& out, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8)
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-void appendBe64(Bytes& out, std::uint64_t value) {
-  for (int shift = 56; shift >= 0; shift -= 8)
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-void appendLe16(Bytes& out, std::uint16_t value) {
-  out.push_back(static_cast<std::uint8_t>(value));
-  out.push_back(static_cast<std::uint8_t>(value >> 8));
-}
-void appendLe32(Bytes& out, std::uint32_t value) {
-  for (int shift = 0; shift < 32; shift += 8)
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
+void le(Bytes& out, int width, std::initializer_list<std::uint64_t> values) {
+  for (std::uint64_t v : values)
+    for (int i = 0; i < width; ++i)
+      out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
 }
 void putLe32(Bytes& out, std::size_t at, std::uint32_t value) {
   for (std::size_t i = 0; i < 4; ++i)
@@ -48,19 +37,25 @@ void putBe32(Bytes& out, std::size_t at, std::uint32_t value) {
     out[at + i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
 }
 
+namespace {
+// A PNG chunk: length, type, data, CRC (zero: CRCs are not checked).
 void appendPngChunk(Bytes& out, std::string_view type, const Bytes& data) {
-  appendBe32(out, static_cast<std::uint32_t>(data.size()));
+  be(out, 4, {data.size()});
   append(out, type);
   append(out, data);
-  appendBe32(out, 0);
+  be(out, 4, {0});
 }
+void appendSegment(Bytes& out, std::uint8_t marker, const Bytes& payload) {
+  append(out, {0xFF, marker});
+  be(out, 2, {payload.size() + 2});
+  append(out, payload);
+}
+}  // namespace
 
 Bytes samplePng(std::size_t idatBytes) {
-  Bytes png;
-  append(png, {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A});
+  Bytes png = {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
   Bytes ihdr;
-  appendBe32(ihdr, 16);
-  appendBe32(ihdr, 16);
+  be(ihdr, 4, {16, 16});
   append(ihdr, {8, 2, 0, 0, 0});
   appendPngChunk(png, "IHDR", ihdr);
   appendPngChunk(png, "IDAT", Bytes(idatBytes, 0x5A));
@@ -68,23 +63,11 @@ Bytes samplePng(std::size_t idatBytes) {
   return png;
 }
 
-namespace {
-void appendSegment(Bytes& out, std::uint8_t marker, const Bytes& payload) {
-  append(out, {0xFF, marker});
-  appendBe16(out, static_cast<std::uint16_t>(payload.size() + 2));
-  append(out, payload);
-}
-}  // namespace
-
 Bytes sampleJpeg(std::size_t scanBytes, bool withThumbnail, bool withEnd) {
-  Bytes jpeg;
-  append(jpeg, {0xFF, 0xD8});
-  Bytes app0;
-  append(app0, std::string_view("JFIF\0\1\1\0\0\1\0\1\0\0", 14));
-  appendSegment(jpeg, 0xE0, app0);
+  Bytes jpeg = {0xFF, 0xD8};
+  appendSegment(jpeg, 0xE0, text(std::string_view("JFIF\0\1\1\0\0\1\0\1\0\0", 14)));
   if (withThumbnail) {
-    Bytes exif;
-    append(exif, std::string_view("Exif\0\0", 6));
+    Bytes exif = text(std::string_view("Exif\0\0", 6));
     append(exif, sampleJpeg(40));
     appendSegment(jpeg, 0xE1, exif);
   }
@@ -97,11 +80,8 @@ Bytes sampleJpeg(std::size_t scanBytes, bool withThumbnail, bool withEnd) {
 }
 
 Bytes sampleGif() {
-  Bytes gif;
-  append(gif, "GIF89a");
-  appendLe16(gif, 2);
-  appendLe16(gif, 2);
-  append(gif, {0x80, 0, 0});                          // global table of 2 entries
+  Bytes gif = text("GIF89a");
+  append(gif, {2, 0, 2, 0, 0x80, 0, 0});              // 2 x 2, global table of 2 entries
   append(gif, {0, 0, 0, 255, 255, 255});              // the table
   append(gif, {0x21, 0xF9, 4, 0, 0, 0, 0, 0});        // graphic control extension
   append(gif, {0x2C, 0, 0, 0, 0, 2, 0, 2, 0, 0x80});  // descriptor with a local table
@@ -113,26 +93,17 @@ Bytes sampleGif() {
 }
 
 Bytes sampleBmp(std::uint32_t width, std::uint32_t height) {
-  const std::uint32_t rowBytes = (width * 3 + 3) / 4 * 4;
-  const std::uint32_t size = 54 + rowBytes * height;
-  Bytes bmp;
-  append(bmp, "BM");
-  appendLe32(bmp, size);
-  appendLe32(bmp, 0);
-  appendLe32(bmp, 54);
-  appendLe32(bmp, 40);
-  appendLe32(bmp, width);
-  appendLe32(bmp, height);
-  appendLe16(bmp, 1);
-  appendLe16(bmp, 24);
-  for (int i = 0; i < 6; ++i)
-    appendLe32(bmp, 0);
+  const std::uint32_t size = 54 + (width * 3 + 3) / 4 * 4 * height;
+  Bytes bmp = text("BM");
+  le(bmp, 4, {size, 0, 54, 40, width, height});
+  le(bmp, 2, {1, 24});
+  le(bmp, 4, {0, 0, 0, 0, 0, 0});
   bmp.resize(size, 0x7F);
   return bmp;
 }
 
 void appendBox(Bytes& out, std::string_view type, const Bytes& payload) {
-  appendBe32(out, static_cast<std::uint32_t>(payload.size() + 8));
+  be(out, 4, {payload.size() + 8});
   append(out, type);
   append(out, payload);
 }
@@ -140,9 +111,8 @@ void appendBox(Bytes& out, std::string_view type, const Bytes& payload) {
 Bytes sampleIsoBmff(std::string_view brand,
                     std::initializer_list<std::pair<std::string_view, std::size_t>> boxes) {
   Bytes file;
-  Bytes ftyp;
-  append(ftyp, brand);
-  appendBe32(ftyp, 0);
+  Bytes ftyp = text(brand);
+  be(ftyp, 4, {0});
   append(ftyp, brand);
   append(ftyp, "isom");
   appendBox(file, "ftyp", ftyp);
@@ -152,16 +122,11 @@ Bytes sampleIsoBmff(std::string_view brand,
 }
 
 Bytes sampleRiff(std::string_view magic, std::string_view form, std::size_t bodyBytes) {
-  Bytes file;
-  append(file, magic);
-  const auto size = static_cast<std::uint32_t>(bodyBytes + 4);
-  if (magic == "RIFF")
-    appendLe32(file, size);
-  else
-    appendBe32(file, size);
+  Bytes file = text(magic);
+  (magic == "RIFF" ? le : be)(file, 4, {bodyBytes + 4});
   append(file, form);
-  file.resize(file.size() + bodyBytes, 0x21);
-  if (bodyBytes % 2 != 0) file.push_back(0);
+  file.resize(file.size() + bodyBytes + bodyBytes % 2, 0x21);
+  if (bodyBytes % 2 != 0) file.back() = 0;
   return file;
 }
 
@@ -171,14 +136,10 @@ std::uint32_t TiffBuilder::ifd(std::vector<TiffField> fields, std::uint32_t next
   put(out, static_cast<std::uint32_t>(fields.size()), 2);
   std::vector<std::pair<std::size_t, Bytes>> outOfLine;
   for (const TiffField& f : fields) {
-    Bytes value;
-    if (f.type == 2) {
-      append(value, f.text);
-      value.push_back(0);
-    } else {
-      for (std::uint32_t v : f.values)
-        put(value, v, f.type == 3 ? 2 : 4);
-    }
+    Bytes value = text(f.text);
+    if (f.type == 2) value.push_back(0);
+    for (std::uint32_t v : f.values)
+      put(value, v, f.type == 3 ? 2 : 4);
     put(out, f.tag, 2);
     put(out, f.type, 2);
     put(out, static_cast<std::uint32_t>(f.type == 2 ? value.size() : f.values.size()), 4);
@@ -220,13 +181,6 @@ TiffBuilder ifdFirstTiff(bool bigEndian, std::uint32_t secondStrip) {
   return tiff;
 }
 
-namespace {
-void appendLe64(Bytes& out, std::uint64_t value) {
-  for (int shift = 0; shift < 64; shift += 8)
-    out.push_back(static_cast<std::uint8_t>(value >> shift));
-}
-}  // namespace
-
 ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comment,
                      bool zip64End) {
   ZipArchive out;
@@ -235,73 +189,54 @@ ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comm
   for (const ZipEntry& e : entries) {
     localAt.push_back(b.size());
     const bool descriptor = e.descriptor != ZipDescriptor::none;
-    const bool known = !descriptor || e.descriptor == ZipDescriptor::withSizesInHeader;
-    const auto size = static_cast<std::uint32_t>(e.data.size());
-    appendLe32(b, 0x04034B50);
-    appendLe16(b, e.zip64 ? 45 : 20);
-    appendLe16(b, descriptor ? 0x08 : 0);
-    appendLe16(b, e.method);
-    appendLe32(b, 0);  // time and date
-    appendLe32(b, 0);  // CRC (not checked)
-    appendLe32(b, e.zip64 ? 0xFFFFFFFF : (known ? size : 0));
-    appendLe32(b, e.zip64 ? 0xFFFFFFFF : (known ? size : 0));
-    appendLe16(b, static_cast<std::uint16_t>(e.name.size()));
-    appendLe16(b, e.zip64 ? 20 : 0);
+    const std::uint64_t size = e.data.size();
+    const std::uint64_t stated =
+        descriptor && e.descriptor != ZipDescriptor::withSizesInHeader ? 0 : size;
+    le(b, 4, {0x04034B50});
+    le(b, 2, {e.zip64 ? 45U : 20U, descriptor ? 8U : 0U, e.method});
+    le(b, 4, {0, 0});  // time and date, CRC (not checked)
+    le(b, 4, {e.zip64 ? 0xFFFFFFFF : stated, e.zip64 ? 0xFFFFFFFF : stated});
+    le(b, 2, {e.name.size(), e.zip64 ? 20U : 0U});
     append(b, e.name);
     if (e.zip64) {
-      appendLe32(b, 0x00100001);  // extra field 1 of 16 bytes
-      appendLe64(b, known ? size : 0);
-      appendLe64(b, known ? size : 0);
+      le(b, 2, {1, 16});  // the ZIP64 extra field
+      le(b, 8, {stated, stated});
     }
     out.dataAt.push_back(b.size());
     append(b, e.data);
     if (descriptor) {
-      if (e.descriptor != ZipDescriptor::withoutSignature) appendLe32(b, 0x08074B50);
-      appendLe32(b, 0);
-      for (int i = 0; i < 2; ++i)
-        e.zip64 ? appendLe64(b, size) : appendLe32(b, size);
+      if (e.descriptor != ZipDescriptor::withoutSignature) le(b, 4, {0x08074B50});
+      le(b, 4, {0});
+      le(b, e.zip64 ? 8 : 4, {size, size});
     }
   }
   out.directoryAt = b.size();
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const ZipEntry& e = entries[i];
-    appendLe32(b, 0x02014B50);
-    appendLe32(b, 0x0014031E);
-    appendLe16(b, e.descriptor != ZipDescriptor::none ? 0x08 : 0);
-    appendLe16(b, e.method);
-    appendLe32(b, 0);
-    appendLe32(b, 0);
-    appendLe32(b, static_cast<std::uint32_t>(e.data.size()));
-    appendLe32(b, static_cast<std::uint32_t>(e.data.size()));
-    appendLe16(b, static_cast<std::uint16_t>(e.name.size()));
-    b.resize(b.size() + 12, 0);  // extra, comment, disk, attributes
-    appendLe32(b, static_cast<std::uint32_t>(localAt[i]));
+    le(b, 4, {0x02014B50});
+    le(b, 2, {0x031E, 20, e.descriptor != ZipDescriptor::none ? 8U : 0U, e.method});
+    le(b, 4, {0, 0, e.data.size(), e.data.size()});
+    le(b, 2, {e.name.size(), 0, 0, 0, 0});  // name, extra, comment, disk, attributes
+    le(b, 4, {0, localAt[i]});
     append(b, e.name);
   }
-  const std::size_t directorySize = b.size() - out.directoryAt;
-  const auto count = static_cast<std::uint16_t>(entries.size());
+  const std::uint64_t directorySize = b.size() - out.directoryAt;
+  const std::uint64_t count = entries.size();
   if (zip64End) {
-    const std::size_t recordAt = b.size();
-    appendLe32(b, 0x06064B50);
-    appendLe64(b, 44);
-    appendLe32(b, 0x002D002D);
-    appendLe64(b, 0);
-    appendLe64(b, count);
-    appendLe64(b, count);
-    appendLe64(b, directorySize);
-    appendLe64(b, out.directoryAt);
-    appendLe32(b, 0x07064B50);
-    appendLe32(b, 0);
-    appendLe64(b, recordAt);
-    appendLe32(b, 1);
+    const std::uint64_t recordAt = b.size();
+    le(b, 4, {0x06064B50});
+    le(b, 8, {44});
+    le(b, 2, {45, 45});
+    le(b, 4, {0, 0});
+    le(b, 8, {count, count, directorySize, out.directoryAt});
+    le(b, 4, {0x07064B50, 0});
+    le(b, 8, {recordAt});
+    le(b, 4, {1});
   }
-  appendLe32(b, 0x06054B50);
-  appendLe32(b, 0);
-  appendLe16(b, zip64End ? 0xFFFF : count);
-  appendLe16(b, zip64End ? 0xFFFF : count);
-  appendLe32(b, zip64End ? 0xFFFFFFFF : static_cast<std::uint32_t>(directorySize));
-  appendLe32(b, zip64End ? 0xFFFFFFFF : static_cast<std::uint32_t>(out.directoryAt));
-  appendLe16(b, static_cast<std::uint16_t>(comment.size()));
+  le(b, 4, {0x06054B50});
+  le(b, 2, {0, 0, zip64End ? 0xFFFF : count, zip64End ? 0xFFFF : count});
+  le(b, 4, {zip64End ? 0xFFFFFFFF : directorySize, zip64End ? 0xFFFFFFFF : out.directoryAt});
+  le(b, 2, {comment.size()});
   append(b, comment);
   return out;
 }
@@ -309,13 +244,10 @@ ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comm
 Bytes sampleOle2(std::uint16_t shift, std::uint32_t fatSectors, const Bytes& body) {
   Bytes b = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
   b.resize(24, 0);
-  appendLe16(b, 0x003E);  // minor version
-  appendLe16(b, shift == 12 ? 4 : 3);
-  appendLe16(b, 0xFFFE);  // byte order mark
-  appendLe16(b, shift);
-  appendLe16(b, 6);  // mini sector shift
+  // Minor and major version, byte order mark, sector and mini sector shifts.
+  le(b, 2, {0x003E, shift == 12 ? 4U : 3U, 0xFFFE, shift, 6});
   b.resize(44, 0);
-  appendLe32(b, fatSectors);
+  le(b, 4, {fatSectors});
   b.resize(512, 0xFF);
   append(b, body);
   return b;
@@ -324,7 +256,7 @@ Bytes sampleOle2(std::uint16_t shift, std::uint32_t fatSectors, const Bytes& bod
 Bytes utf16(std::string_view s) {
   Bytes out;
   for (char c : s)
-    append(out, {static_cast<std::uint8_t>(c), 0});
+    le(out, 2, {static_cast<std::uint8_t>(c)});
   return out;
 }
 

@@ -13,21 +13,17 @@
 namespace vellum::testing {
 
 // Small valid files of each format, built in code, and helpers to lay them
-// out in an image.
+// out in an image. Sizes and layouts are as the comments say; tests rely on them.
 
 void append(Bytes& out, std::initializer_list<std::uint8_t> bytes);
 void append(Bytes& out, std::string_view text);
 void append(Bytes& out, const Bytes& bytes);
-void appendBe16(Bytes& out, std::uint16_t value);
-void appendBe32(Bytes& out, std::uint32_t value);
-void appendBe64(Bytes& out, std::uint64_t value);
-void appendLe16(Bytes& out, std::uint16_t value);
-void appendLe32(Bytes& out, std::uint32_t value);
+// Values of width bytes each, big- or little-endian.
+void be(Bytes& out, int width, std::initializer_list<std::uint64_t> values);
+void le(Bytes& out, int width, std::initializer_list<std::uint64_t> values);
 void putLe32(Bytes& out, std::size_t at, std::uint32_t value);
 void putBe32(Bytes& out, std::size_t at, std::uint32_t value);
 
-// A chunk: length, type, data, CRC (zero: CRCs are not checked).
-void appendPngChunk(Bytes& out, std::string_view type, const Bytes& data);
 // Signature, IHDR, one IDAT of idatBytes, IEND.
 Bytes samplePng(std::size_t idatBytes = 100);
 

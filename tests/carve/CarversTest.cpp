@@ -102,9 +102,9 @@ TEST(Carvers, GoodFiles) {
   append(openBox, {0, 0, 0, 0, 'f', 'r', 'e', 'e'});
   add("box of size 0", isoBmffCarver(), openBox, exactMatch(mp4.size(), "mp4", video), 100);
   Bytes large = sampleIsoBmff("isom", {{"moov", 10}});
-  appendBe32(large, 1);
+  be(large, 4, {1});
   append(large, "mdat");
-  appendBe64(large, 16 + 200);
+  be(large, 8, {16 + 200});
   large.resize(large.size() + 200, 0x44);
   add("64-bit size", isoBmffCarver(), large, exactMatch(large.size(), "mp4", video));
   add("64-bit size of 15", isoBmffCarver(), edited(large, large.size() - 201, {15}),
@@ -268,7 +268,7 @@ TEST(Carvers, TruncatedFiles) {
   add("bmp past the source", bmpCarver(), le32At(sampleBmp(4, 4), 2, 103), std::nullopt);
 
   Bytes mdat = sampleIsoBmff("isom", {{"moov", 30}});  // mdat claims 1 MB, 500 bytes are there
-  appendBe32(mdat, 1'000'000);
+  be(mdat, 4, {1'000'000});
   append(mdat, "mdat");
   mdat.resize(mdat.size() + 500, 0x55);
   add("mp4 cut", isoBmffCarver(), mdat, heuristicMatch(mdat.size(), "mp4", video));
@@ -285,7 +285,7 @@ TEST(Carvers, TruncatedFiles) {
   place(decoy, 200, Bytes{0, 0, 0x20, 0, 'f', 't', 'y', 'p'});  // implausible box size
   add("ftyp decoy", isoBmffCarver(), decoy, exactMatch(decoy.size(), "mp4", video));
   Bytes noContent = sampleIsoBmff("isom", {{"free", 10}});
-  appendBe32(noContent, 1'000'000);
+  be(noContent, 4, {1'000'000});
   append(noContent, "skip");
   add("mp4 without content", isoBmffCarver(), withTail(noContent, 50), std::nullopt);
   add("wav cut", riffCarver(), cut(sampleRiff("RIFF", "WAVE", 32), 20),
