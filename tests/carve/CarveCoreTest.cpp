@@ -1,0 +1,193 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "CarveSamples.h"
+#include "CarverTesting.h"
+#include "bytes/DeviceError.h"
+#include "carve/CarverProbe.h"
+#include "carve/CarverRegistry.h"
+#include "carve/formats/Carvers.h"
+
+namespace vellum::testing {
+namespace {
+
+TEST(CarverRegistryTest, OrderSignaturesAndCategories) {
+  std::vector<std::string_view> ids;
+  for (const FormatCarver* carver : CarverRegistry::all())
+    ids.push_back(carver->id());
+  EXPECT_EQ(ids, (std::vector<std::string_view>{"png", "jpeg", "gif", "bmp", "isobmff", "riff",
+                                                "tiff", "pdf", "zip", "ole2", "mp3"}));
+  EXPECT_EQ(isoBmffCarver().signatureOffset(), 4U);
+  EXPECT_EQ(riffCarver().signatures(),
+            (std::vector<Bytes>{signatureBytes("RIFF"), signatureBytes("FORM")}));
+  EXPECT_EQ(CarverRegistry::byId("riff"), &riffCarver());
+  EXPECT_EQ(CarverRegistry::byId("nope"), nullptr);
+  ids.clear();
+  for (const FormatCarver* carver : CarverRegistry::carvers({FormatCategory::documents}))
+    ids.push_back(carver->id());
+  EXPECT_EQ(ids, (std::vector<std::string_view>{"pdf", "zip", "ole2"}));
+}
+
+TEST(CarverProbeTest, IdentifiesASingleFile) {
+  const std::vector<std::tuple<Bytes, std::string_view, std::string_view>> cases = {
+      {samplePng(), "png", "png"},
+      {sampleGif(), "gif", "gif"},
+      {sampleIsoBmff("M4A ", {{"moov", 10}, {"mdat", 10}}), "isobmff", "m4a"},
+      {sampleRiff("RIFF", "WAVE", 10), "riff", "wav"}};
+  for (const auto& [file, carver, ext] : cases) {
+    MemorySource source(file);
+    const auto found = identify(source);
+    ASSERT_TRUE(found) << carver;
+    EXPECT_EQ(found->carver->id(), carver);
+    EXPECT_EQ(found->match, exactMatch(file.size(), std::string(ext), found->match.category));
+  }
+  MemorySource nothing(filler(100, 0x20));
+  EXPECT_FALSE(identify(nothing));
+  // A stated end past the source is cut and marked heuristic.
+  MemorySource cutWav(cut(sampleRiff("RIFF", "WAVE", 100), 60));
+  EXPECT_EQ(identify(cutWav)->match, heuristicMatch(60, "wav", FormatCategory::audio));
+}
+
+TEST(ReadContextTest, ReadsAreClampedAndWindowsServeOnlyWholeRanges) {
+  Bytes counting(100);
+  for (std::size_t i = 0; i < counting.size(); ++i)
+    counting[i] = static_cast<std::uint8_t>(i);
+  ScriptedSource source(counting);
+  ReadContext context(source);
+  EXPECT_EQ(context.bytes(98, 10), (Bytes{98, 99}));
+  EXPECT_TRUE(context.bytes(100, 1).empty() && context.bytes(0, -5).empty());
+  EXPECT_EQ(context.byte(100), std::nullopt);
+  EXPECT_EQ(context.u32(97, true), std::nullopt);  // only 3 bytes left
+  EXPECT_EQ(context.u32(96, false), 0x63626160U);
+  EXPECT_EQ(context.u16(1, true), 0x0102);
+  EXPECT_EQ(context.u64(0, true), 0x0001020304050607ULL);
+
+  context.setWindow(40, Bytes(20, 0xEE));  // differs from the source
+  source.reads = 0;
+  EXPECT_EQ(context.bytes(40, 20), Bytes(20, 0xEE));
+  EXPECT_EQ(context.u32(56, true), 0xEEEEEEEEU);
+  EXPECT_EQ(source.reads, 0);
+  EXPECT_EQ(context.bytes(58, 3), (Bytes{58, 59, 60}));  // straddling: all from the source
+  EXPECT_EQ(context.bytes(39, 2), (Bytes{39, 40}));
+  EXPECT_EQ(source.reads, 2);
+
+  source.beforeRead = [](std::uint64_t, std::size_t) { throw DeviceError::readFailed(7, 5); };
+  EXPECT_THROW(context.u16(0, true), DeviceError);
+  EXPECT_THROW(context.find(text("x"), 0, 10, 4), DeviceError);
+}
+
+TEST(ReadContextTest, FindAndFindLast) {
+  Bytes data(2'100'000, '.');
+  place(data, 14, text("ABCD"));  // straddles the step boundary at 16
+  place(data, 60, text("ABCD"));
+  place(data, 2'099'997, text("XYZ"));                           // ends at the source's end
+  for (std::size_t at : {1000U, 1030U, 1'048'578U, 2'098'000U})  // one straddles 1 MiB
+    place(data, at, text("%%EOF"));
+  ScriptedSource source(data);
+  ReadContext context(source);
+  const std::vector<std::tuple<std::string, std::uint64_t, std::uint64_t, std::uint64_t,
+                               std::optional<std::uint64_t>>>
+      finds = {{"ABCD", 0, 100, 16, 14},
+               {"ABCD", 15, 100, 16, 60},
+               {"ABCD", 0, 14, 16, std::nullopt},  // the hit begins at the range's end
+               {"ABCD", 0, 15, 16, 14},            // begins inside, ends outside
+               {"XYZ", 0, UINT64_MAX, 7, 2'099'997},
+               {"", 0, 100, 16, std::nullopt},
+               {"QQ", 0, 100, 16, std::nullopt}};
+  for (const auto& [pattern, from, limit, chunk, want] : finds)
+    EXPECT_EQ(context.find(text(pattern), from, limit, chunk), want) << pattern << " " << from;
+
+  const Bytes eof = text("%%EOF");
+  EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX), 2'098'000U);
+  EXPECT_EQ(context.findLast(eof, 0, 2'098'000), 1'048'578U);  // must begin before the end
+  EXPECT_EQ(context.findLast(eof, 1011, 1100), 1030U);
+  EXPECT_EQ(context.findLast(eof, 1031, 2000), std::nullopt);
+  // With slack the walk goes on only while the next hit is near the last one.
+  EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX, 1'048'578 - 1035 - 1), 1030U);
+  EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX, 1'048'578 - 1035), 1'048'578U);
+  EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX, 2'098'000 - 1'048'583), 2'098'000U);
+  EXPECT_EQ(context.findLast(eof, 0, 1020, 1000), 1000U);  // the range still bounds it
+}
+
+TEST(CarveTypesTest, HeadDigestIsFnv1aInUpperCaseHexWithoutLeadingZeros) {
+  EXPECT_EQ(CarvedFile::digestHead({}), "CBF29CE484222325");
+  EXPECT_EQ(CarvedFile::digestHead(text("a")), "AF63DC4C8601EC8C");
+  EXPECT_EQ(CarvedFile::digestHead(text("foobar")), "85944171F73967E8");
+  bool sawShort = false;
+  for (std::uint8_t b = 0; b < 255 && !sawShort; ++b) {
+    const std::string digest = CarvedFile::digestHead(Bytes{b, b, b});
+    EXPECT_NE(digest.front(), '0');
+    sawShort = digest.size() < 16;
+  }
+  EXPECT_TRUE(sawShort);
+}
+
+TEST(CarveTypesTest, NamesOfCategoriesAndConfidences) {
+  std::vector<std::string_view> names;
+  for (FormatCategory c : allFormatCategories) {
+    names.insert(names.end(), {toString(c), displayName(c), symbolName(c)});
+    EXPECT_EQ(formatCategoryFromString(toString(c)), c);
+  }
+  EXPECT_EQ(names, (std::vector<std::string_view>{
+                       "photos", "Photos", "photo", "rawPhotos", "Camera RAW", "camera.aperture",
+                       "video", "Video", "film", "audio", "Audio", "waveform", "documents",
+                       "Documents", "doc.text", "archives", "Archives", "shippingbox"}));
+  EXPECT_EQ(formatCategoryFromString("Photos"), std::nullopt);
+  EXPECT_EQ(carveConfidenceFromString("heuristic"), CarveConfidence::heuristic);
+  EXPECT_EQ(carveConfidenceFromString("close"), std::nullopt);
+  EXPECT_EQ(CarveError::outputNotWritable("/tmp/out").description(),
+            "Cannot write to output folder /tmp/out.");
+}
+
+TEST(CarveTypesTest, ReportJsonHasSortedKeysAndLeavesOutAbsentValues) {
+  CarveReport report{"/tmp/card.img", 1'048'576, 524'288, 1.5, 2, true, {}};
+  report.files.push_back(
+      {1024, 300, "jpg", FormatCategory::photos, CarveConfidence::exact, "/out/JPG/f2.jpg", "ABC"});
+  report.files.push_back({4096, 77, "cr3", FormatCategory::rawPhotos, CarveConfidence::heuristic,
+                          std::nullopt, std::nullopt});
+  const std::string text = encodeReportJson(report);
+  EXPECT_EQ(text, R"({
+  "badReads": 2,
+  "cancelled": true,
+  "duration": 1.5,
+  "files": [
+    {
+      "category": "photos",
+      "confidence": "exact",
+      "ext": "jpg",
+      "headDigest": "ABC",
+      "length": 300,
+      "outputPath": "/out/JPG/f2.jpg",
+      "start": 1024
+    },
+    {
+      "category": "rawPhotos",
+      "confidence": "heuristic",
+      "ext": "cr3",
+      "length": 77,
+      "start": 4096
+    }
+  ],
+  "scannedBytes": 524288,
+  "sourceDescription": "/tmp/card.img",
+  "totalBytes": 1048576
+}
+)");
+  EXPECT_EQ(decodeReportJson(text), report);
+  EXPECT_EQ(decodeFilesJson(encodeFilesJson(report.files)), report.files);
+
+  const nlohmann::json good = nlohmann::json::parse(text);
+  for (const auto& [key, value] : std::vector<std::pair<std::string, nlohmann::json>>{
+           {"category", "pictures"}, {"confidence", "maybe"}, {"start", "zero"}, {"length", -1}}) {
+    nlohmann::json bad = good;
+    bad["files"][0][key] = value;
+    EXPECT_THROW(decodeReportJson(bad.dump()), nlohmann::json::exception) << key;
+  }
+  nlohmann::json missing = good;
+  missing.erase("cancelled");
+  EXPECT_THROW(decodeReportJson(missing.dump()), nlohmann::json::exception);
+}
+
+}  // namespace
+}  // namespace vellum::testing
