@@ -132,47 +132,40 @@ TEST(QuickCheck, CardDataIsRestoredBeforeAnyErrorReachesTheCaller) {
       });
     };
   };
+  const auto syncFails = [](FaultyDevice& d, CancellationFlag&) {
+    d.beforeSynchronize = [&d] {
+      if (d.synchronizations == 1) throw WriteError::writeFailed(0, EIO);
+    };
+  };
+  const auto unplug = [](FaultyDevice& d, CancellationFlag&) {
+    atStep(d, &FaultyDevice::writes, 2, [](auto) { throw std::runtime_error("unplugged"); });
+  };
   constexpr auto R = &FaultyDevice::reads;
   constexpr auto W = &FaultyDevice::writes;
+  // clang-format off
   const Case cases[] = {
-      {"cancel before the run", [](FaultyDevice&, CancellationFlag& f) { f.cancel(); }, kStopped,
-       0},
+      {"cancel before the run", [](FaultyDevice&, CancellationFlag& f) { f.cancel(); }, kStopped, 0},
       {"cancel while saving", cancelAt(R, 10), kStopped, 0},
       // The write under way completes; everything written is put back.
       {"cancel at a test write", cancelAt(W, 500), kStopped, 500 + kPoints},
       // Verification runs on; the read sample notices the flag.
       {"cancel while verifying", cancelAt(R, kPoints + 5), kStopped, 2 * kPoints},
       {"cancel during the read sample", cancelAt(R, 2 * kPoints + 2), kStopped, 2 * kPoints},
+      // A quarter-size fake: the first pass makes 1025 test writes and 1025 restores.
       {"cancel during the refinement", cancelAt(W, 2 * 1025 + 3), kStopped, -1, 4 * kMiB},
-      {"save read fails", fail(R, 400), DeviceError::readFailed(399 * 4 * kUnit, EIO).description(),
-       0},
-      {"test write fails", fail(W, 7), WriteError::writeFailed(4072 * kUnit, EIO).description(),
-       7 + kPoints},
-      {"synchronize fails",
-       [](FaultyDevice& d, CancellationFlag&) {
-         d.beforeSynchronize = [&d] {
-           if (d.synchronizations == 1) throw WriteError::writeFailed(0, EIO);
-         };
-       },
-       "Write failed at offset 0: Input/output error", 2 * kPoints},
-      {"verify read fails", fail(R, kPoints + 3),
-       DeviceError::readFailed(8 * kUnit, EIO).description(), 2 * kPoints},
-      {"something unexpected",
-       [](FaultyDevice& d, CancellationFlag&) {
-         atStep(d, W, 2, [](std::uint64_t) { throw std::runtime_error("unplugged"); });
-       },
-       "unplugged", 2 + kPoints},
-      // Restores run from the last unit down: 4095, 4092, 4088, ...; the
-      // rest are not attempted.
-      {"first restore fails", fail(W, kPoints + 1),
-       CheckError::restoreFailed(4095 * kUnit).description(), kPoints + 1},
-      {"third restore fails", fail(W, kPoints + 3),
-       "Couldn't put back the original data at offset 16744448. The card may be failing; copy "
-       "anything important off it now.",
-       kPoints + 3},
+      {"save read fails", fail(R, 400), DeviceError::readFailed(399 * 4 * kUnit, EIO).description(), 0},
+      {"test write fails", fail(W, 7), WriteError::writeFailed(4072 * kUnit, EIO).description(), 7 + kPoints},
+      {"synchronize fails", syncFails, "Write failed at offset 0: Input/output error", 2 * kPoints},
+      {"verify read fails", fail(R, kPoints + 3), DeviceError::readFailed(8 * kUnit, EIO).description(), 2 * kPoints},
+      {"something unexpected", unplug, "unplugged", 2 + kPoints},
+      // Restores run from the last unit down: 4095, 4092, 4088, ...; the rest are not attempted.
+      {"first restore fails", fail(W, kPoints + 1), CheckError::restoreFailed(4095 * kUnit).description(), kPoints + 1},
+      {"third restore fails", fail(W, kPoints + 3), "Couldn't put back the original data at offset 16744448. "
+       "The card may be failing; copy anything important off it now.", kPoints + 3},
   };
+  // clang-format on
   for (const Case& c : cases) {
-    SimulatedDevice card(16 * kMiB * (c.real < 16 * kMiB ? 4 : 1), c.real, Overflow::wrap, 512);
+    SimulatedDevice card(16 * kMiB, c.real, Overflow::wrap, 512);
     const Bytes before = fillWithNoise(card);
     FaultyDevice faulty(card);
     CancellationFlag flag;
