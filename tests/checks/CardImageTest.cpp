@@ -1,12 +1,9 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 
-#include "bytes/DeviceError.h"
 #include "bytes/MemorySource.h"
 #include "checks/CardImage.h"
 #include "checks/CheckTestSupport.h"

@@ -1,17 +1,23 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <exception>
 #include <functional>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "bytes/ByteSource.h"
+#include "bytes/DeviceError.h"
 #include "checks/CheckTypes.h"
 #include "devices/SimulatedDevice.h"
+#include "devices/WriteError.h"
 #include "support/FaultyDevice.h"
 
 namespace vellum::testing {
@@ -92,6 +98,14 @@ inline void atStep(FaultyDevice& device, int FaultyDevice::*counter, int k,
     if (device.*counter == k) act(offset);
   };
   (counter == &FaultyDevice::writes ? device.beforeWrite : device.beforeRead) = hook;
+}
+
+// The k-th read or write fails with EIO at its own offset.
+inline void failAt(FaultyDevice& device, int FaultyDevice::*counter, int k) {
+  atStep(device, counter, k, [counter](std::uint64_t offset) {
+    if (counter == &FaultyDevice::reads) throw DeviceError::readFailed(offset, EIO);
+    throw WriteError::writeFailed(offset, EIO);
+  });
 }
 
 }  // namespace vellum::testing

@@ -1,13 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <set>
-
-#include "bytes/DeviceError.h"
 #include "checks/CheckTestSupport.h"
 #include "checks/FullTest.h"
-#include "devices/WriteError.h"
 
 namespace vellum {
 namespace {

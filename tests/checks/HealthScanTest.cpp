@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <cerrno>
 #include <map>
-#include <set>
 
-#include "bytes/DeviceError.h"
 #include "bytes/MemorySource.h"
 #include "checks/CheckTestSupport.h"
 #include "checks/HealthScan.h"

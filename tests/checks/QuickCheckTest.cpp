@@ -1,12 +1,5 @@
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <set>
-
-#include "bytes/DeviceError.h"
 #include "checks/CheckTestSupport.h"
 #include "checks/QuickCheck.h"
-#include "devices/WriteError.h"
 
 namespace vellum {
 namespace {
@@ -18,50 +11,40 @@ constexpr std::uint64_t kUnit = 4096;
 constexpr int kPoints = 1025;  // first-pass points of a 16 MiB card: every 4th unit and the last
 
 TEST(QuickCheck, VerdictsAndVerifiedCapacity) {
-  struct Case {
-    std::string name;
-    std::uint64_t size, real;
-    Overflow overflow;
-    std::int64_t points;
-    std::set<std::uint64_t> corruptUnits;  // damaged when read back after the writes
-    Verdict verdict;
-    std::uint64_t verifiedUnits;
-    std::int64_t tested, aliased, corrupt;
-  };
   // clang-format off
-  const Case cases[] = {
-      {"genuine", 16 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {}, Verdict::genuine, 4096, kPoints, 0, 0},
+  const std::tuple<std::uint64_t, std::uint64_t, Overflow, std::int64_t, std::set<std::uint64_t>, Verdict,
+                   std::uint64_t, std::int64_t, std::int64_t, std::int64_t> cases[] = {
+      // size, real, overflow, points, units damaged when read back after the writes:
+      // verdict, verified units, points tested, aliased, corrupt
+      {16 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {}, Verdict::genuine, 4096, kPoints, 0, 0},
       // Points 16 units apart; the boundary at 4096 is probed and the
       // refinement closes the gap below it. Unit 16383 lands on unprobed 4095.
-      {"wraps after a quarter", 64 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {},
-       Verdict::counterfeit, 4096, 1025 + 15, 768, 0},
+      {64 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {}, Verdict::counterfeit, 4096, 1025 + 15, 768, 0},
       // 17 points 1024 units apart, real end at 4100; the first refined
       // point past it is 4096 + 1024/129 = 4103, one step (7.9 units) away.
-      {"loses writes past 4100 units", 64 * kMiB, 4100 * kUnit, Overflow::discard, 16, {},
-       Verdict::counterfeit, 4097, 17 + 128, 0, 12 + 128},
+      {64 * kMiB, 4100 * kUnit, Overflow::discard, 16, {}, Verdict::counterfeit, 4097, 17 + 128, 0, 12 + 128},
       // Refinement adds 1997..1999 between the good 1996 and the bad 2000.
-      {"scattered failures", 16 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {2000, 3000},
-       Verdict::unreliable, 2000, kPoints + 3, 0, 2},
-      {"unit 0 bad", 16 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {0}, Verdict::unreliable, 0, kPoints, 0, 1},
+      {16 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {2000, 3000}, Verdict::unreliable, 2000, kPoints + 3, 0, 2},
+      {16 * kMiB, 16 * kMiB, Overflow::wrap, 1024, {0}, Verdict::unreliable, 0, kPoints, 0, 1},  // unit 0 bad
   };
   // clang-format on
-  for (const Case& c : cases) {
-    SimulatedDevice card(c.size, c.real, c.overflow, 512);
+  for (const auto& [size, real, overflow, points, damaged, verdict, verified, tested, aliased,
+                    corrupt] : cases) {
+    SimulatedDevice card(size, real, overflow, 512);
     const Bytes before = fillWithNoise(card);
     FaultyDevice faulty(card);
-    faulty.afterRead = [&faulty, &c](std::uint64_t offset, std::span<std::uint8_t> bytes) {
-      if (faulty.writes > 0 && c.corruptUnits.contains(offset / kUnit)) bytes[100] ^= 0xFF;
+    faulty.afterRead = [&](std::uint64_t offset, std::span<std::uint8_t> bytes) {
+      if (faulty.writes > 0 && damaged.contains(offset / kUnit)) bytes[100] ^= 0xFF;
     };
     QuickCheck check;
-    check.points = c.points;
+    check.points = points;
     const QuickCheck::Result r = check.run(faulty, CancellationFlag{});
-    EXPECT_EQ(
-        std::tuple(r.verdict, r.claimedBytes, r.verifiedBytes, r.pointsTested, r.pointsAliased,
-                   r.pointsCorrupt),
-        std::tuple(c.verdict, c.size, c.verifiedUnits * kUnit, c.tested, c.aliased, c.corrupt))
-        << c.name;
-    EXPECT_EQ(r.pointsIntact + r.pointsAliased + r.pointsCorrupt, r.pointsTested);
-    EXPECT_TRUE(card.storage() == before) << c.name << ": data not restored";
+    EXPECT_EQ(std::tuple(r.verdict, r.claimedBytes, r.verifiedBytes, r.pointsTested,
+                         r.pointsAliased, r.pointsCorrupt, r.pointsIntact),
+              std::tuple(verdict, size, verified * kUnit, tested, aliased, corrupt,
+                         tested - aliased - corrupt))
+        << size << " " << real << " " << damaged.size();
+    EXPECT_TRUE(card.storage() == before) << "data not restored";
   }
 }
 
@@ -77,28 +60,17 @@ TEST(QuickCheck, NeedsSixteenWholeUnitsAndSkipsAPartialOne) {
                   ? "no error"
                   : "The device is too small to test.");
   }
-  // Save and verify ascending, test writes and restores descending; the
-  // partial unit at the end is never probed.
-  const std::uint64_t units = 5000;
-  SimulatedDevice card(units * kUnit + 100, std::nullopt, Overflow::wrap, 4);
+  // 1024 points spread over 5000 units plus the last; the partial unit is never probed.
+  SimulatedDevice card(5000 * kUnit + 100, std::nullopt, Overflow::wrap, 4);
   FaultyDevice faulty(card);
-  std::vector<std::uint64_t> reads, writes;
-  faulty.beforeRead = [&](std::uint64_t offset, std::size_t n) {
-    if (n == kUnit) reads.push_back(offset / kUnit);
-  };
-  faulty.beforeWrite = [&](std::uint64_t offset, std::size_t) { writes.push_back(offset / kUnit); };
+  std::set<std::uint64_t> probed;
+  faulty.beforeWrite = [&](std::uint64_t offset, std::size_t) { probed.insert(offset); };
   const QuickCheck::Result result = QuickCheck{}.run(faulty, CancellationFlag{});
-  EXPECT_EQ(result.claimedBytes, units * kUnit + 100);
-  EXPECT_EQ(result.verifiedBytes, units * kUnit);
-  std::set<std::uint64_t> points = {units - 1};
-  for (std::uint64_t i = 0; i < 1024; ++i)
-    points.insert(i * units / 1024);
-  std::vector<std::uint64_t> up(points.begin(), points.end()), down(points.rbegin(), points.rend());
-  up.insert(up.end(), points.begin(), points.end());
-  down.insert(down.end(), points.rbegin(), points.rend());
-  EXPECT_EQ(reads, up);
-  EXPECT_EQ(writes, down);
-  EXPECT_EQ(faulty.synchronizations, 2);
+  EXPECT_EQ(std::tuple(result.claimedBytes, result.verifiedBytes, result.pointsTested),
+            std::tuple(5000 * kUnit + 100, 5000 * kUnit, 1025));
+  EXPECT_EQ(std::tuple(probed.size(), *probed.rbegin(), faulty.synchronizations),
+            std::tuple(1025u, 4999 * kUnit, 2));
+  EXPECT_TRUE(probed.contains(1023 * 5000 / 1024 * kUnit));
 
   using Phase = CheckProgress::Phase;  // progress every 32 steps, then restoring
   SimulatedDevice small(16 * kUnit, std::nullopt, Overflow::wrap, 512);
@@ -112,69 +84,64 @@ TEST(QuickCheck, NeedsSixteenWholeUnitsAndSkipsAPartialOne) {
 // Whatever ends a run early, the card holds exactly its old bytes before the
 // error reaches the caller.
 TEST(QuickCheck, CardDataIsRestoredBeforeAnyErrorReachesTheCaller) {
-  struct Case {
-    std::string name;
-    std::function<void(FaultyDevice&, CancellationFlag&)> arm;
-    std::string error;
-    int writes;  // writes that reached the device, restores included; -1: more than 2050
-    std::uint64_t real = 16 * kMiB;
-  };
-  const auto cancelAt = [](int FaultyDevice::*counter, int k) {
-    return [counter, k](FaultyDevice& d, CancellationFlag& f) {
+  using Arm = std::function<void(FaultyDevice&, CancellationFlag&)>;
+  constexpr auto R = &FaultyDevice::reads;
+  constexpr auto W = &FaultyDevice::writes;
+  const auto cancelAt = [](int FaultyDevice::*counter, int k) -> Arm {
+    return [=](FaultyDevice& d, CancellationFlag& f) {
       atStep(d, counter, k, [&f](std::uint64_t) { f.cancel(); });
     };
   };
-  const auto fail = [](int FaultyDevice::*counter, int k) {
-    return [counter, k](FaultyDevice& d, CancellationFlag&) {
-      atStep(d, counter, k, [counter](std::uint64_t at) {
-        if (counter == &FaultyDevice::reads) throw DeviceError::readFailed(at, EIO);
-        throw WriteError::writeFailed(at, EIO);
-      });
-    };
+  const auto fail = [](int FaultyDevice::*counter, int k) -> Arm {
+    return [=](FaultyDevice& d, CancellationFlag&) { failAt(d, counter, k); };
   };
-  const auto syncFails = [](FaultyDevice& d, CancellationFlag&) {
+  const Arm syncFails = [](FaultyDevice& d, CancellationFlag&) {
     d.beforeSynchronize = [&d] {
       if (d.synchronizations == 1) throw WriteError::writeFailed(0, EIO);
     };
   };
-  const auto unplug = [](FaultyDevice& d, CancellationFlag&) {
-    atStep(d, &FaultyDevice::writes, 2, [](auto) { throw std::runtime_error("unplugged"); });
+  const Arm unplug = [](FaultyDevice& d, CancellationFlag&) {
+    atStep(d, W, 2, [](std::uint64_t) { throw std::runtime_error("unplugged"); });
   };
-  constexpr auto R = &FaultyDevice::reads;
-  constexpr auto W = &FaultyDevice::writes;
+  const auto readFailed = [](std::uint64_t unit) {
+    return DeviceError::readFailed(unit * kUnit, EIO).description();
+  };
   // clang-format off
-  const Case cases[] = {
-      {"cancel before the run", [](FaultyDevice&, CancellationFlag& f) { f.cancel(); }, kStopped, 0},
-      {"cancel while saving", cancelAt(R, 10), kStopped, 0},
+  const std::tuple<const char*, Arm, std::string, int, std::uint64_t> cases[] = {
+      // what happens, the error, writes that reached the device (restores included; -1: more
+      // than 2053), real capacity
+      {"cancel before the run", [](FaultyDevice&, CancellationFlag& f) { f.cancel(); }, kStopped, 0, 16 * kMiB},
+      {"cancel while saving", cancelAt(R, 10), kStopped, 0, 16 * kMiB},
       // The write under way completes; everything written is put back.
-      {"cancel at a test write", cancelAt(W, 500), kStopped, 500 + kPoints},
+      {"cancel at a test write", cancelAt(W, 500), kStopped, 500 + kPoints, 16 * kMiB},
       // Verification runs on; the read sample notices the flag.
-      {"cancel while verifying", cancelAt(R, kPoints + 5), kStopped, 2 * kPoints},
-      {"cancel during the read sample", cancelAt(R, 2 * kPoints + 2), kStopped, 2 * kPoints},
+      {"cancel while verifying", cancelAt(R, kPoints + 5), kStopped, 2 * kPoints, 16 * kMiB},
+      {"cancel during the read sample", cancelAt(R, 2 * kPoints + 2), kStopped, 2 * kPoints, 16 * kMiB},
       // A quarter-size fake: the first pass makes 1025 test writes and 1025 restores.
       {"cancel during the refinement", cancelAt(W, 2 * 1025 + 3), kStopped, -1, 4 * kMiB},
-      {"save read fails", fail(R, 400), DeviceError::readFailed(399 * 4 * kUnit, EIO).description(), 0},
-      {"test write fails", fail(W, 7), WriteError::writeFailed(4072 * kUnit, EIO).description(), 7 + kPoints},
-      {"synchronize fails", syncFails, "Write failed at offset 0: Input/output error", 2 * kPoints},
-      {"verify read fails", fail(R, kPoints + 3), DeviceError::readFailed(8 * kUnit, EIO).description(), 2 * kPoints},
-      {"something unexpected", unplug, "unplugged", 2 + kPoints},
+      {"save read fails", fail(R, 400), readFailed(399 * 4), 0, 16 * kMiB},
+      {"test write fails", fail(W, 7), WriteError::writeFailed(4072 * kUnit, EIO).description(), 7 + kPoints, 16 * kMiB},
+      {"synchronize fails", syncFails, "Write failed at offset 0: Input/output error", 2 * kPoints, 16 * kMiB},
+      {"verify read fails", fail(R, kPoints + 3), readFailed(8), 2 * kPoints, 16 * kMiB},
+      {"something unexpected", unplug, "unplugged", 2 + kPoints, 16 * kMiB},
       // Restores run from the last unit down: 4095, 4092, 4088, ...; the rest are not attempted.
-      {"first restore fails", fail(W, kPoints + 1), CheckError::restoreFailed(4095 * kUnit).description(), kPoints + 1},
+      {"first restore fails", fail(W, kPoints + 1), CheckError::restoreFailed(4095 * kUnit).description(),
+       kPoints + 1, 16 * kMiB},
       {"third restore fails", fail(W, kPoints + 3), "Couldn't put back the original data at offset 16744448. "
-       "The card may be failing; copy anything important off it now.", kPoints + 3},
+       "The card may be failing; copy anything important off it now.", kPoints + 3, 16 * kMiB},
   };
   // clang-format on
-  for (const Case& c : cases) {
-    SimulatedDevice card(16 * kMiB, c.real, Overflow::wrap, 512);
+  for (const auto& [name, arm, error, writes, real] : cases) {
+    SimulatedDevice card(16 * kMiB, real, Overflow::wrap, 512);
     const Bytes before = fillWithNoise(card);
     FaultyDevice faulty(card);
     CancellationFlag flag;
-    c.arm(faulty, flag);
-    EXPECT_EQ(errorText([&] { QuickCheck{}.run(faulty, flag); }), c.error) << c.name;
-    EXPECT_TRUE(c.writes >= 0 ? faulty.writes == c.writes : faulty.writes > 2 * 1025 + 3)
-        << c.name << ": " << faulty.writes << " writes";
-    if (c.error.starts_with("Couldn't put back")) continue;
-    EXPECT_TRUE(card.storage() == before) << c.name << ": data not restored";
+    arm(faulty, flag);
+    EXPECT_EQ(errorText([&] { QuickCheck{}.run(faulty, flag); }), error) << name;
+    EXPECT_TRUE(writes >= 0 ? faulty.writes == writes : faulty.writes > 2 * 1025 + 3)
+        << name << ": " << faulty.writes << " writes";
+    EXPECT_TRUE(error.starts_with("Couldn't put back") || card.storage() == before)
+        << name << ": data not restored";
   }
 }
 

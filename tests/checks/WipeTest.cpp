@@ -1,16 +1,12 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
 
 #include "CarveSamples.h"
-#include "bytes/DeviceError.h"
 #include "checks/CheckTestSupport.h"
 #include "checks/Wipe.h"
-#include "devices/WriteError.h"
 #include "support/TempDir.h"
 
 namespace vellum {
