@@ -40,10 +40,10 @@ TEST(FullTest, GenuineCardGetsTheClassOfItsSustainedWriteSpeed) {
 }
 
 TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
-  using Damage = std::function<void(FaultyDevice&, SimulatedDevice&)>;
-  const Damage none = [](FaultyDevice&, SimulatedDevice&) {};
+  using Damage = std::function<void(FaultyDevice&)>;
+  const Damage none = [](FaultyDevice&) {};
   const auto flip = [](std::set<std::uint64_t> blocks) -> Damage {  // one byte each, as read back
-    return [blocks](FaultyDevice& d, SimulatedDevice&) {
+    return [blocks](FaultyDevice& d) {
       d.afterRead = [blocks](std::uint64_t offset, std::span<std::uint8_t> bytes) {
         for (const std::uint64_t at : blocks)  // unsigned: blocks before offset wrap past the end
           if (at * kBlock + 2000 - offset < bytes.size())
@@ -51,20 +51,20 @@ TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
       };
     };
   };
-  const auto fail = [](FaultyDevice::Hook FaultyDevice::*hook, std::uint64_t at,
-                       std::size_t length) -> Damage {
-    return [=](FaultyDevice& d, SimulatedDevice&) {
-      d.*hook = [=](std::uint64_t offset, std::size_t n) {
-        if (offset != at || (length != 0 && n != length)) return;
-        if (hook != &FaultyDevice::beforeRead) throw WriteError::writeFailed(offset, EIO);
-        throw DeviceError::readFailed(offset, EIO);
-      };
+  const auto fail = [](int FaultyDevice::*counter, int k) -> Damage {
+    return [=](FaultyDevice& d) { failAt(d, counter, k); };
+  };
+  const Damage landsButFails = [](FaultyDevice& d) {
+    d.afterWrite = [](std::uint64_t at, std::size_t) {
+      if (at == 0) throw WriteError::writeFailed(0, EIO);
     };
   };
-  const Damage badSector = [](FaultyDevice&, SimulatedDevice& inner) {
-    inner.unreadableBlocks().insert(300 * 8 + 3);
+  const Damage badSector = [](FaultyDevice& d) {  // the fourth sector of block 300
+    d.beforeRead = [](std::uint64_t at, std::size_t n) {
+      if (300 * kBlock + 1536 - at < n) throw DeviceError::readFailed(at, EIO);
+    };
   };
-  const Damage shortRead = [](FaultyDevice& d, SimulatedDevice&) {
+  const Damage shortRead = [](FaultyDevice& d) {
     d.afterRead = [](std::uint64_t offset, std::span<std::uint8_t> bytes) {
       if (offset == 5 * kChunk && bytes.size() == kChunk)
         std::fill(bytes.end() - 3 * kBlock, bytes.end(), 0);
@@ -75,48 +75,45 @@ TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
                                            1019, 1020, 1021, 1022, 1023};
   std::set<std::uint64_t> nineOfTen = lastTen;
   nineOfTen.erase(1019);
+  constexpr auto W = &FaultyDevice::writes;
   // clang-format off
-  const std::tuple<const char*, std::uint64_t, Overflow, Damage, Verdict, std::int64_t, std::int64_t, std::int64_t,
+  const std::tuple<std::uint64_t, Overflow, Damage, Verdict, std::int64_t, std::int64_t, std::int64_t,
                    std::int64_t, std::optional<std::uint64_t>, std::size_t> cases[] = {
-      // name, real capacity, overflow, damage: verdict, good, aliased, corrupt, write errors, first bad, read samples
+      // real capacity, overflow, damage: verdict, good, aliased, corrupt, write errors, first bad, read samples
       // Blocks 256 and up land on the real first megabyte, so only the last
       // quarter written survives; everything else reads back another block.
-      {"wraps after a quarter", kMiB, Overflow::wrap, none, Verdict::counterfeit, 256, 768, 0, 0, 0, 64},
+      {kMiB, Overflow::wrap, none, Verdict::counterfeit, 256, 768, 0, 0, 0, 64},
       // The missing three quarters read as zeros: bad / rest = 1.0.
-      {"loses writes past a quarter", kMiB, Overflow::discard, none, Verdict::counterfeit, 256, 0, 768, 0, kMiB, 64},
-      {"two corrupt blocks", 4 * kMiB, Overflow::wrap, flip({100, 500}), Verdict::failing, 1022, 0, 2, 0, 100 * kBlock, 64},
+      {kMiB, Overflow::discard, none, Verdict::counterfeit, 256, 0, 768, 0, kMiB, 64},
+      {4 * kMiB, Overflow::wrap, flip({100, 500}), Verdict::failing, 1022, 0, 2, 0, 100 * kBlock, 64},
       // 9 bad of the last 10 is not more than 0.9; 10 of 10 is.
-      {"nine of the last ten", 4 * kMiB, Overflow::wrap, flip(nineOfTen), Verdict::failing, 1015, 0, 9, 0, 1014 * kBlock, 64},
-      {"all of the last ten", 4 * kMiB, Overflow::wrap, flip(lastTen), Verdict::counterfeit, 1014, 0, 10, 0, 1014 * kBlock, 64},
-      // The failed chunk never arrives: its 16 blocks read as old zeros.
-      {"a failed chunk write", 4 * kMiB, Overflow::wrap, fail(&FaultyDevice::beforeWrite, 10 * kChunk, 0),
-       Verdict::failing, 1008, 0, 16, 1, 10 * kChunk, 64},
-      {"a write that lands but fails", 4 * kMiB, Overflow::wrap, fail(&FaultyDevice::afterWrite, 0, 0),
-       Verdict::failing, 1024, 0, 0, 1, allGood, 64},
-      // A chunk read fails but its blocks read fine one by one: no sample.
-      {"a chunk read that fails as a whole", 4 * kMiB, Overflow::wrap, fail(&FaultyDevice::beforeRead, 3 * kChunk, kChunk),
-       Verdict::genuine, 1024, 0, 0, 0, allGood, 63},
+      {4 * kMiB, Overflow::wrap, flip(nineOfTen), Verdict::failing, 1015, 0, 9, 0, 1014 * kBlock, 64},
+      {4 * kMiB, Overflow::wrap, flip(lastTen), Verdict::counterfeit, 1014, 0, 10, 0, 1014 * kBlock, 64},
+      // The eleventh chunk's write fails: its 16 blocks read as old zeros.
+      {4 * kMiB, Overflow::wrap, fail(W, 11), Verdict::failing, 1008, 0, 16, 1, 10 * kChunk, 64},
+      {4 * kMiB, Overflow::wrap, landsButFails, Verdict::failing, 1024, 0, 0, 1, allGood, 64},
+      // The fourth chunk's read fails, its blocks read fine one by one: no sample.
+      {4 * kMiB, Overflow::wrap, fail(&FaultyDevice::reads, 4), Verdict::genuine, 1024, 0, 0, 0, allGood, 63},
       // One unreadable 512-byte sector spoils exactly its 4096-byte block.
-      {"an unreadable sector", 4 * kMiB, Overflow::wrap, badSector, Verdict::failing, 1023, 0, 1, 0, 300 * kBlock, 63},
+      {4 * kMiB, Overflow::wrap, badSector, Verdict::failing, 1023, 0, 1, 0, 300 * kBlock, 63},
       // The blocks a short chunk read did not return are corrupt.
-      {"a short read", 4 * kMiB, Overflow::wrap, shortRead, Verdict::failing, 1021, 0, 3, 0, 6 * kChunk - 3 * kBlock, 64},
+      {4 * kMiB, Overflow::wrap, shortRead, Verdict::failing, 1021, 0, 3, 0, 6 * kChunk - 3 * kBlock, 64},
   };
   // clang-format on
-  for (const auto& [name, real, overflow, damage, verdict, good, aliased, corrupt, writeErrors,
-                    firstBad, samples] : cases) {
+  for (const auto& [real, overflow, damage, verdict, good, aliased, corrupt, writeErrors, firstBad,
+                    samples] : cases) {
     SimulatedDevice card(4 * kMiB, real, overflow, 512);
     FaultyDevice faulty(card);
-    damage(faulty, card);
+    damage(faulty);
     const FullTest::Result r = smallChunks().run(faulty, CancellationFlag{});
     EXPECT_EQ(std::tuple(r.verdict, r.goodBlocks, r.aliasedBlocks, r.corruptBlocks, r.writeErrors,
                          r.firstBadOffset, r.read.curve.size()),
-              std::tuple(verdict, good, aliased, corrupt, writeErrors, firstBad, samples))
-        << name;
+              std::tuple(verdict, good, aliased, corrupt, writeErrors, firstBad, samples));
     EXPECT_EQ(
         std::tuple(r.usableBytes, r.holdsBytes, r.speedClass.has_value(), r.write.curve.size()),
         std::tuple(firstBad.value_or(4 * kMiB), std::uint64_t(good) * kBlock,
                    verdict == Verdict::genuine, 64u))
-        << name << " (a failed write still gives a speed sample)";
+        << "a failed write still gives a speed sample";
   }
 }
 
