@@ -1,18 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "CarveSamples.h"
-#include "carve/CarveTypes.h"
+#include "CarverTesting.h"
 #include "support/Subprocess.h"
-#include "support/TempDir.h"
 
-namespace vellum {
+namespace vellum::testing {
 namespace {
 
-using namespace vellum::testing;
 namespace fs = std::filesystem;
 
 ProcessResult cli(std::vector<std::string> arguments) {
@@ -20,101 +14,72 @@ ProcessResult cli(std::vector<std::string> arguments) {
   return runProcess(arguments);
 }
 
-std::string readText(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 // An image with two JPEGs, a PNG and a WAV at sector boundaries.
-std::string makeImage(const TempDir& temp) {
-  Bytes image = filler(1'048'576, 0x20);
-  place(image, 512, sampleJpeg(2000));
-  place(image, 8192, samplePng(5000));
-  place(image, 65536, sampleJpeg(300));
-  place(image, 131072, sampleRiff("RIFF", "WAVE", 1000));
-  const std::string path = temp.file("card.img");
-  writeFile(path, std::string(image.begin(), image.end()));
-  return path;
-}
-
-TEST(CarveCommandTest, CarvesFilesAndPrintsATable) {
+struct CarveCommandTest : ::testing::Test {
   TempDir temp;
-  const std::string image = makeImage(temp);
-  const fs::path out = temp.path() / "out";
+  std::string image = temp.file("card.img");
+  fs::path out = temp.path() / "out";
+  CarveCommandTest() {
+    Bytes bytes = filler(1'048'576, 0x20);
+    place(bytes, 512, sampleJpeg(2000));
+    place(bytes, 8192, samplePng(5000));
+    place(bytes, 65536, sampleJpeg(300));
+    place(bytes, 131072, sampleRiff("RIFF", "WAVE", 1000));
+    writeFile(image, std::string(bytes.begin(), bytes.end()));
+  }
+};
+
+TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
   const ProcessResult result = cli({"carve", image, "--out", out.string()});
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_EQ(result.out, "Found 4 files (9 KB) in " + image +
-                            ".\n"
-                            "  Type     Files  Size\n"
-                            "  jpg          2  3 KB\n"
-                            "  png          1  5 KB\n"
-                            "  wav          1  1 KB\n"
+                            ".\n  Type     Files  Size\n  jpg          2  3 KB\n"
+                            "  png          1  5 KB\n  wav          1  1 KB\n"
                             "Wrote the files and vellum-report.json to " +
                             out.string() + ".\n");
-  EXPECT_TRUE(fs::exists(out / "JPG" / "f1.jpg"));
-  EXPECT_TRUE(fs::exists(out / "JPG" / "f128.jpg"));
-  EXPECT_TRUE(fs::exists(out / "PNG" / "f16.png"));
-  EXPECT_TRUE(fs::exists(out / "WAV" / "f256.wav"));
-  EXPECT_EQ(decodeReportJson(readText(out / "vellum-report.json")).files.size(), 4U);
+  for (const char* file : {"JPG/f1.jpg", "JPG/f128.jpg", "PNG/f16.png", "WAV/f256.wav"})
+    EXPECT_TRUE(fs::exists(out / file)) << file;
 
-  const ProcessResult photos =
-      cli({"carve", image, "--out", (temp.path() / "photos").string(), "--catalog", "--categories",
-           "audio", "--stride", "4096", "--chunk", "65536"});
-  EXPECT_EQ(photos.exitCode, 0) << photos.err;
-  const CarveReport report =
-      decodeReportJson(readText(temp.path() / "photos" / "vellum-report.json"));
+  const fs::path audio = temp.path() / "audio";
+  ASSERT_EQ(cli({"carve", image, "--out", audio.string(), "--catalog", "--categories", "audio",
+                 "--stride", "4096", "--chunk", "65536"})
+                .exitCode,
+            0);
+  const CarveReport report = decodeReportJson(readText(audio / "vellum-report.json"));
   ASSERT_EQ(report.files.size(), 1U);
   EXPECT_EQ(report.files[0].ext, "wav");
-  EXPECT_FALSE(fs::exists(temp.path() / "photos" / "WAV"));
-}
+  EXPECT_FALSE(fs::exists(audio / "WAV"));
 
-TEST(CarveCommandTest, ExportSkipsFilesChangedSinceTheScan) {
-  TempDir temp;
-  const std::string image = makeImage(temp);
-  const fs::path catalog = temp.path() / "catalog";
-  ASSERT_EQ(cli({"carve", image, "--out", catalog.string(), "--catalog"}).exitCode, 0);
-
+  const std::string listing = (out / "vellum-report.json").string();
   const fs::path saved = temp.path() / "saved";
-  const ProcessResult whole =
-      cli({"export", (catalog / "vellum-report.json").string(), image, "--out", saved.string()});
+  const ProcessResult whole = cli({"export", listing, image, "--out", saved.string()});
   EXPECT_EQ(whole.exitCode, 0) << whole.err;
   EXPECT_EQ(whole.out, "Saved 4 of 4 files to " + saved.string() + ".\n");
-
   {
     std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(65536 + 10);
     file.put('X');
   }
   const fs::path again = temp.path() / "again";
-  const ProcessResult changed =
-      cli({"export", (catalog / "vellum-report.json").string(), image, "--out", again.string()});
+  const ProcessResult changed = cli({"export", listing, image, "--out", again.string()});
   EXPECT_EQ(changed.exitCode, 1);
   EXPECT_EQ(changed.out, "Saved 3 of 4 files to " + again.string() +
                              ".\n1 changed since the scan and were not saved.\n");
   EXPECT_FALSE(fs::exists(again / "JPG" / "f128.jpg"));
 }
 
-TEST(CarveCommandTest, UsageMistakes) {
-  TempDir temp;
-  const std::string image = makeImage(temp);
-  const std::string out = temp.file("out");
-  struct Case {
-    std::vector<std::string> arguments;
-    std::string message;
-  };
-  const Case cases[] = {
+TEST_F(CarveCommandTest, UsageMistakes) {
+  const std::string dir = out.string();
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
       {{"carve", image}, "--out DIR is needed"},
-      {{"carve", image, "--out", out, "--categories", "photo"}, "unknown category photo"},
-      {{"carve", image, "--out", out, "--stride", "0"}, "--stride needs a whole number above 0"},
-      {{"carve", image, "--out", out, "--stride", "500"}, "--chunk must be a multiple of --stride"},
-      {{"export", image, image, "--out", out}, "is not a report written by vellum-check carve"},
-  };
-  for (const Case& c : cases) {
-    const ProcessResult result = cli(c.arguments);
-    EXPECT_EQ(result.exitCode, 2) << c.message;
-    EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+      {{"carve", image, "--out", dir, "--categories", "photo"}, "unknown category photo"},
+      {{"carve", image, "--out", dir, "--stride", "0"}, "--stride needs a whole number above 0"},
+      {{"carve", image, "--out", dir, "--stride", "500"}, "--chunk must be a multiple of --stride"},
+      {{"export", image, image, "--out", dir}, "is not a report written by vellum-check carve"}};
+  for (const auto& [arguments, message] : cases) {
+    const ProcessResult result = cli(arguments);
+    EXPECT_EQ(result.exitCode, 2) << message;
+    EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
   }
   writeFile(temp.file("plain"), "x");
   const ProcessResult blocked = cli({"carve", image, "--out", temp.file("plain") + "/sub"});
@@ -124,4 +89,4 @@ TEST(CarveCommandTest, UsageMistakes) {
 }
 
 }  // namespace
-}  // namespace vellum
+}  // namespace vellum::testing
