@@ -91,21 +91,45 @@ struct ProgressLog {
   }
 };
 
-// Arms a hook that runs act() when the counter reaches k (the read or write about to happen).
+// Arms a hook that runs act() when the counter reaches k (the read, write or
+// synchronize about to happen), with the offset of that transfer.
 inline void atStep(FaultyDevice& device, int FaultyDevice::*counter, int k,
                    std::function<void(std::uint64_t offset)> act) {
   auto hook = [&device, counter, k, act](std::uint64_t offset, std::size_t) {
     if (device.*counter == k) act(offset);
   };
-  (counter == &FaultyDevice::writes ? device.beforeWrite : device.beforeRead) = hook;
+  if (counter == &FaultyDevice::synchronizations)
+    device.beforeSynchronize = [hook] { hook(0, 0); };
+  else
+    (counter == &FaultyDevice::writes ? device.beforeWrite : device.beforeRead) = hook;
 }
 
-// The k-th read or write fails with EIO at its own offset.
+// The k-th read, write or synchronize fails with EIO at its own offset.
 inline void failAt(FaultyDevice& device, int FaultyDevice::*counter, int k) {
   atStep(device, counter, k, [counter](std::uint64_t offset) {
     if (counter == &FaultyDevice::reads) throw DeviceError::readFailed(offset, EIO);
     throw WriteError::writeFailed(offset, EIO);
   });
 }
+
+// What a test does to a run at step k of a counter: stop it (k = 0: before it
+// starts), fail the transfer, or throw something unexpected.
+enum class Act { cancel, fail, unplug };
+struct Step {
+  Act act;
+  int FaultyDevice::*counter;
+  int k;
+  void arm(FaultyDevice& device, CancellationFlag& flag) const {
+    if (act == Act::fail) return failAt(device, counter, k);
+    if (act == Act::cancel && k == 0) return flag.cancel();
+    atStep(device, counter, k, [&flag, act = act](std::uint64_t) {
+      if (act == Act::unplug) throw std::runtime_error("unplugged");
+      flag.cancel();
+    });
+  }
+};
+constexpr auto kReads = &FaultyDevice::reads;
+constexpr auto kWrites = &FaultyDevice::writes;
+constexpr auto kSyncs = &FaultyDevice::synchronizations;
 
 }  // namespace vellum::testing

@@ -132,38 +132,25 @@ TEST(FullTest, TestsOnlyWholeBlocks) {
             "The device is too small to test.");
 }
 
+// Thrown while the worker builds the next chunk or verifies the last one, an
+// error still ends the run with no thread outliving it.
 TEST(FullTest, StopsOnlyForCancellationSynchronizeAndTheUnexpected) {
-  constexpr auto R = &FaultyDevice::reads;
-  constexpr auto W = &FaultyDevice::writes;
-  using Arm = std::function<void(FaultyDevice&, CancellationFlag&)>;
-  const auto at = [](int FaultyDevice::*counter, int k, bool unplug) -> Arm {
-    return [=](FaultyDevice& d, CancellationFlag& flag) {
-      // Thrown while the worker builds the next chunk or verifies the last
-      // one; no thread may outlive the run.
-      atStep(d, counter, k, [&flag, unplug](std::uint64_t) {
-        if (unplug) throw std::runtime_error("unplugged");
-        flag.cancel();
-      });
-    };
-  };
-  const Arm syncFails = [](FaultyDevice& d, CancellationFlag&) {
-    d.beforeSynchronize = [] { throw WriteError::writeFailed(0, EIO); };
-  };
+  using enum Act;
   // clang-format off
-  const std::tuple<Arm, std::string, int, int> cases[] = {
-      {[](FaultyDevice&, CancellationFlag& f) { f.cancel(); }, kStopped, 0, 0},
-      {at(W, 3, false), kStopped, 3, 0},
-      {at(R, 10, false), kStopped, 64, 10},
-      {syncFails, "Write failed at offset 0: Input/output error", 64, 0},
-      {at(W, 6, true), "unplugged", 6, 0},
-      {at(R, 5, true), "unplugged", 64, 5},
+  const std::tuple<Step, std::string, int, int> cases[] = {
+      {{cancel, kReads, 0}, kStopped, 0, 0},
+      {{cancel, kWrites, 3}, kStopped, 3, 0},
+      {{cancel, kReads, 10}, kStopped, 64, 10},
+      {{fail, kSyncs, 1}, "Write failed at offset 0: Input/output error", 64, 0},
+      {{unplug, kWrites, 6}, "unplugged", 6, 0},
+      {{unplug, kReads, 5}, "unplugged", 64, 5},
   };
   // clang-format on
-  for (const auto& [arm, error, writes, reads] : cases) {
+  for (const auto& [step, error, writes, reads] : cases) {
     SimulatedDevice card(4 * kMiB, std::nullopt, Overflow::wrap, 512);
     FaultyDevice faulty(card);
     CancellationFlag flag;
-    arm(faulty, flag);
+    step.arm(faulty, flag);
     EXPECT_EQ(errorText([&] { smallChunks().run(faulty, flag); }), error);
     EXPECT_EQ(std::pair(faulty.writes, faulty.reads), std::pair(writes, reads)) << error;
   }

@@ -84,64 +84,45 @@ TEST(QuickCheck, NeedsSixteenWholeUnitsAndSkipsAPartialOne) {
 // Whatever ends a run early, the card holds exactly its old bytes before the
 // error reaches the caller.
 TEST(QuickCheck, CardDataIsRestoredBeforeAnyErrorReachesTheCaller) {
-  using Arm = std::function<void(FaultyDevice&, CancellationFlag&)>;
-  constexpr auto R = &FaultyDevice::reads;
-  constexpr auto W = &FaultyDevice::writes;
-  const auto cancelAt = [](int FaultyDevice::*counter, int k) -> Arm {
-    return [=](FaultyDevice& d, CancellationFlag& f) {
-      atStep(d, counter, k, [&f](std::uint64_t) { f.cancel(); });
-    };
-  };
-  const auto fail = [](int FaultyDevice::*counter, int k) -> Arm {
-    return [=](FaultyDevice& d, CancellationFlag&) { failAt(d, counter, k); };
-  };
-  const Arm syncFails = [](FaultyDevice& d, CancellationFlag&) {
-    d.beforeSynchronize = [&d] {
-      if (d.synchronizations == 1) throw WriteError::writeFailed(0, EIO);
-    };
-  };
-  const Arm unplug = [](FaultyDevice& d, CancellationFlag&) {
-    atStep(d, W, 2, [](std::uint64_t) { throw std::runtime_error("unplugged"); });
-  };
   const auto readFailed = [](std::uint64_t unit) {
     return DeviceError::readFailed(unit * kUnit, EIO).description();
   };
+  using enum Act;
   // clang-format off
-  const std::tuple<const char*, Arm, std::string, int, std::uint64_t> cases[] = {
-      // what happens, the error, writes that reached the device (restores included; -1: more
-      // than 2053), real capacity
-      {"cancel before the run", [](FaultyDevice&, CancellationFlag& f) { f.cancel(); }, kStopped, 0, 16 * kMiB},
-      {"cancel while saving", cancelAt(R, 10), kStopped, 0, 16 * kMiB},
+  const std::tuple<Step, std::string, int, std::uint64_t> cases[] = {
+      // the step, the error, writes that reached the device (restores included; -1: more than
+      // 2053), real capacity
+      {{cancel, kReads, 0}, kStopped, 0, 16 * kMiB},
+      {{cancel, kReads, 10}, kStopped, 0, 16 * kMiB},  // while saving
       // The write under way completes; everything written is put back.
-      {"cancel at a test write", cancelAt(W, 500), kStopped, 500 + kPoints, 16 * kMiB},
+      {{cancel, kWrites, 500}, kStopped, 500 + kPoints, 16 * kMiB},
       // Verification runs on; the read sample notices the flag.
-      {"cancel while verifying", cancelAt(R, kPoints + 5), kStopped, 2 * kPoints, 16 * kMiB},
-      {"cancel during the read sample", cancelAt(R, 2 * kPoints + 2), kStopped, 2 * kPoints, 16 * kMiB},
+      {{cancel, kReads, kPoints + 5}, kStopped, 2 * kPoints, 16 * kMiB},
+      {{cancel, kReads, 2 * kPoints + 2}, kStopped, 2 * kPoints, 16 * kMiB},  // in the read sample
       // A quarter-size fake: the first pass makes 1025 test writes and 1025 restores.
-      {"cancel during the refinement", cancelAt(W, 2 * 1025 + 3), kStopped, -1, 4 * kMiB},
-      {"save read fails", fail(R, 400), readFailed(399 * 4), 0, 16 * kMiB},
-      {"test write fails", fail(W, 7), WriteError::writeFailed(4072 * kUnit, EIO).description(), 7 + kPoints, 16 * kMiB},
-      {"synchronize fails", syncFails, "Write failed at offset 0: Input/output error", 2 * kPoints, 16 * kMiB},
-      {"verify read fails", fail(R, kPoints + 3), readFailed(8), 2 * kPoints, 16 * kMiB},
-      {"something unexpected", unplug, "unplugged", 2 + kPoints, 16 * kMiB},
+      {{cancel, kWrites, 2 * 1025 + 3}, kStopped, -1, 4 * kMiB},
+      {{fail, kReads, 400}, readFailed(399 * 4), 0, 16 * kMiB},  // saving
+      {{fail, kWrites, 7}, WriteError::writeFailed(4072 * kUnit, EIO).description(), 7 + kPoints, 16 * kMiB},
+      {{fail, kSyncs, 1}, "Write failed at offset 0: Input/output error", 2 * kPoints, 16 * kMiB},
+      {{fail, kReads, kPoints + 3}, readFailed(8), 2 * kPoints, 16 * kMiB},  // verifying
+      {{unplug, kWrites, 2}, "unplugged", 2 + kPoints, 16 * kMiB},
       // Restores run from the last unit down: 4095, 4092, 4088, ...; the rest are not attempted.
-      {"first restore fails", fail(W, kPoints + 1), CheckError::restoreFailed(4095 * kUnit).description(),
-       kPoints + 1, 16 * kMiB},
-      {"third restore fails", fail(W, kPoints + 3), "Couldn't put back the original data at offset 16744448. "
+      {{fail, kWrites, kPoints + 1}, CheckError::restoreFailed(4095 * kUnit).description(), kPoints + 1, 16 * kMiB},
+      {{fail, kWrites, kPoints + 3}, "Couldn't put back the original data at offset 16744448. "
        "The card may be failing; copy anything important off it now.", kPoints + 3, 16 * kMiB},
   };
   // clang-format on
-  for (const auto& [name, arm, error, writes, real] : cases) {
+  for (const auto& [step, error, writes, real] : cases) {
     SimulatedDevice card(16 * kMiB, real, Overflow::wrap, 512);
     const Bytes before = fillWithNoise(card);
     FaultyDevice faulty(card);
     CancellationFlag flag;
-    arm(faulty, flag);
-    EXPECT_EQ(errorText([&] { QuickCheck{}.run(faulty, flag); }), error) << name;
+    step.arm(faulty, flag);
+    EXPECT_EQ(errorText([&] { QuickCheck{}.run(faulty, flag); }), error) << step.k;
     EXPECT_TRUE(writes >= 0 ? faulty.writes == writes : faulty.writes > 2 * 1025 + 3)
-        << name << ": " << faulty.writes << " writes";
+        << error << ": " << faulty.writes << " writes";
     EXPECT_TRUE(error.starts_with("Couldn't put back") || card.storage() == before)
-        << name << ": data not restored";
+        << error << " at " << step.k << ": data not restored";
   }
 }
 
