@@ -135,24 +135,17 @@ TEST(WipeTest, ReportsEachPassAndTimesTheWrites) {
   ASSERT_GE(seen.size(), 9u);
   seen.erase(seen.begin() + 8, seen.end() - 1);
   using enum CheckProgress::Phase;
-  EXPECT_EQ(seen, (decltype(seen){{wiping, 1, true},
-                                  {wiping, 2, true},
-                                  {wiping, 3, true},
-                                  {wiping, 4, true},
-                                  {verifying, 1, false},
-                                  {verifying, 2, false},
-                                  {verifying, 3, false},
-                                  {verifying, 4, false},
-                                  {scanningForFiles, 4, false}}));
+  // clang-format off
+  EXPECT_EQ(seen, (decltype(seen){{wiping, 1, true}, {wiping, 2, true}, {wiping, 3, true},
+      {wiping, 4, true}, {verifying, 1, false}, {verifying, 2, false}, {verifying, 3, false},
+      {verifying, 4, false}, {scanningForFiles, 4, false}}));
+  // clang-format on
   EXPECT_EQ(log.reports[2].bytesPerSecond, 0.0);
 }
 
 TEST(WipeTest, AnythingLeftBehindMakesTheWipeIncomplete) {
   constexpr std::uint64_t kChunk = 64 * kKiB, kPerChunk = kChunk / 512;
   using Damage = std::function<void(TestCard&, FaultyDevice&)>;
-  const auto onRead = [](std::function<void(std::uint64_t, std::span<std::uint8_t>)> act) {
-    return [act](TestCard&, FaultyDevice& d) { d.afterRead = act; };
-  };
   // clang-format off
   const std::tuple<const char*, Method, std::uint64_t, std::int64_t, Damage, std::int64_t, std::uint64_t, std::int64_t> rows[] = {
       // name, method, size, block size, damage, write errors, blocks not erased, files found
@@ -161,13 +154,12 @@ TEST(WipeTest, AnythingLeftBehindMakesTheWipeIncomplete) {
       {"writes past 512 KiB lost, a JPEG beyond", Method::random, kMiB, 512,
        [](TestCard& card, FaultyDevice&) { card.keepsBelow = 512 * kKiB; card.memory.write(768 * kKiB, sampleJpeg()); },
        0, 8 * kPerChunk, 1},
-      {"one chunk's write fails", Method::random, kMiB, 512, [](TestCard&, FaultyDevice& d) {
-         atStep(d, &FaultyDevice::writes, 4, [](std::uint64_t at) { throw WriteError::writeFailed(at, EIO); }); },
+      {"the fourth chunk's write fails", Method::random, kMiB, 512, [](TestCard&, FaultyDevice& d) { failAt(d, kWrites, 4); },
        1, kPerChunk, 0},
-      {"one byte changed on reading back", Method::random, kMiB, 512, onRead([](std::uint64_t at, auto bytes) {
-         if (at == 5 * kChunk && bytes.size() == kChunk) bytes[4000] ^= 0x10; }), 0, kPerChunk, 0},
-      {"one chunk can't be read back", Method::zeros, kMiB, 512, onRead([](std::uint64_t at, auto bytes) {
-         if (at == 2 * kChunk && bytes.size() == kChunk) throw DeviceError::readFailed(at, EIO); }), 0, kPerChunk, 0},
+      {"one byte changed on reading back", Method::random, kMiB, 512, [](TestCard&, FaultyDevice& d) {
+         d.afterRead = [&d](auto, auto bytes) { if (d.reads == 6) bytes[4000] ^= 0x10; }; }, 0, kPerChunk, 0},
+      {"the third chunk can't be read back", Method::zeros, kMiB, 512, [](TestCard&, FaultyDevice& d) { failAt(d, kReads, 3); },
+       0, kPerChunk, 0},
   };
   // clang-format on
   for (const auto& [name, method, size, blockSize, damage, writeErrors, notErased, files] : rows) {
@@ -216,9 +208,10 @@ TEST(WipeTest, ScratchFolderIsFreshOwnerOnlyAndAlwaysRemoved) {
 TEST(WipeTest, CancelStopsEveryPassAndRemovesTheScratchFolder) {
   constexpr std::uint64_t kChunk = 8 * kMiB, kSize = 48 * kMiB;  // six chunks
   // Cancel at the third write, the second verify read, the first read looking for files.
-  for (const auto& [counter, k, writes, reads] : {std::tuple{&FaultyDevice::writes, 3, 3, 0},
-                                                  {&FaultyDevice::reads, 2, 6, 2},
-                                                  {&FaultyDevice::reads, 7, 6, 7}}) {
+  // clang-format off
+  for (const auto& [counter, k, writes, reads] :
+       {std::tuple{kWrites, 3, 3, 0}, {kReads, 2, 6, 2}, {kReads, 7, 6, 7}}) {
+    // clang-format on
     const ScopedTempDirectory temp;
     TestCard card(kSize, 512);
     const Bytes lastChunkBefore = noise(kChunk, 4);
