@@ -42,35 +42,30 @@ struct AbsorbingSource final : ByteSource {
 // The first chunk read fails as a whole; only the sectors that fail on their
 // own become regions, and failed chunks give no speed sample.
 TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
-  struct Case {
-    std::uint64_t size;
-    std::set<std::uint64_t> badBlocks;  // of 512 bytes
-    std::int64_t sector;
-    std::vector<Region> expected;
-    std::size_t samples;
-  };
-  const Case cases[] = {
-      {8192, {}, 512, {}, 1},                    // every sector reads on its own
-      {8192, {2, 3}, 512, {{1024, 1024}}, 1},    // touching sectors merge
-      {8192, {3}, 2048, {{0, 2048}}, 1},         // coarser retries cover whole sectors
-      {4096 + 700, {9}, 512, {{4608, 188}}, 0},  // a short last piece
+  // clang-format off
+  const std::tuple<std::uint64_t, std::set<std::uint64_t>, std::int64_t, std::vector<Region>, std::size_t> cases[] = {
+      // size, unreadable 512-byte blocks, sector size: regions, speed samples
+      {8192, {}, 512, {}, 1},                                    // every sector reads on its own
+      {8192, {2, 3}, 512, {{1024, 1024}}, 1},                    // touching sectors merge
+      {8192, {3}, 2048, {{0, 2048}}, 1},                         // coarser retries cover whole sectors
+      {4096 + 700, {9}, 512, {{4608, 188}}, 0},                  // a short last piece
       {16384, {1, 15, 16}, 512, {{512, 512}, {7680, 1024}}, 1},  // regions in different chunks
   };
-  for (const Case& c : cases) {
-    SimulatedDevice device = emptyCard(c.size, 512);
-    device.unreadableBlocks() = c.badBlocks;
+  // clang-format on
+  for (const auto& [size, badBlocks, sector, expected, samples] : cases) {
+    SimulatedDevice device = emptyCard(size, 512);
+    device.unreadableBlocks() = badBlocks;
     FaultyDevice faulty(device);
     faulty.beforeRead = [](std::uint64_t offset, std::size_t length) {
       if (offset == 0 && length == 4096) throw DeviceError::readFailed(0, EIO);
     };
     ProgressLog log;
-    const auto r = withChunks(4096).run(faulty, c.sector, CancellationFlag{}, log.callback());
-    EXPECT_EQ(std::tuple(r.unreadable, r.read.curve.size(), r.scannedBytes),
-              std::tuple(c.expected, c.samples, c.size))
-        << c.size;
-    EXPECT_EQ(r.verdict, c.expected.empty() ? Verdict::healthy : Verdict::unreadableAreas);
+    const auto r = withChunks(4096).run(faulty, sector, CancellationFlag{}, log.callback());
+    EXPECT_EQ(std::tuple(r.unreadable, r.read.curve.size(), r.scannedBytes, r.verdict),
+              std::tuple(expected, samples, size,
+                         expected.empty() ? Verdict::healthy : Verdict::unreadableAreas));
     EXPECT_EQ(log.reports.front(),
-              (CheckProgress{CheckProgress::Phase::reading, 4096, c.size, std::nullopt}));
+              (CheckProgress{CheckProgress::Phase::reading, 4096, size, std::nullopt}));
   }
   AbsorbingSource source;
   source.bad = {3, 4, 20};
@@ -83,33 +78,30 @@ TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
 
 TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
   constexpr std::uint64_t chunk = 1'000'000;
-  struct Case {
-    std::map<std::uint64_t, double> speeds;  // chunk number -> MB/s, 20 otherwise
-    std::set<std::uint64_t> unreadable;      // 500-byte blocks
-    Verdict verdict;
-    std::vector<Region> slow;
-  };
-  const Case cases[] = {
+  // clang-format off
+  const std::tuple<std::map<std::uint64_t, double>, std::set<std::uint64_t>, Verdict, std::vector<Region>> cases[] = {
+      // MB/s by chunk number (20 otherwise), unreadable 500-byte blocks: verdict, slow regions
       // Median of 20, 20, 20, 3 is index 2 of the sorted four: 20; 3 < 4.
       {{{3, 3}}, {}, Verdict::slowAreas, {{3 * chunk, chunk}}},
-      {{{3, 4.01}}, {}, Verdict::healthy, {}},  // just above the threshold
+      {{{3, 4.01}}, {}, Verdict::healthy, {}},                                          // just above the threshold
       {{{4, 1}, {5, 2}, {6, 3.9}}, {}, Verdict::slowAreas, {{4 * chunk, 3 * chunk}}},  // merged
-      {{{1, 1}}, {5000}, Verdict::unreadableAreas, {{chunk, chunk}}},  // unreadable wins
+      {{{1, 1}}, {5000}, Verdict::unreadableAreas, {{chunk, chunk}}},                  // unreadable wins
   };
-  for (const Case& c : cases) {
-    SimulatedDevice device = emptyCard((c.speeds.size() > 1 ? 8 : 4) * chunk, 500);
-    device.unreadableBlocks() = c.unreadable;
+  // clang-format on
+  for (const auto& [speeds, unreadable, verdict, slow] : cases) {
+    SimulatedDevice device = emptyCard((speeds.size() > 1 ? 8 : 4) * chunk, 500);
+    device.unreadableBlocks() = unreadable;
     FaultyDevice faulty(device);
     FakeClock time;
-    faulty.beforeRead = [&time, &c](std::uint64_t offset, std::size_t length) {
-      const auto it = c.speeds.find(offset / chunk);
-      time.now += static_cast<double>(length) / ((it == c.speeds.end() ? 20 : it->second) * 1e6);
+    faulty.beforeRead = [&time, &speeds](std::uint64_t offset, std::size_t length) {
+      const auto it = speeds.find(offset / chunk);
+      time.now += static_cast<double>(length) / ((it == speeds.end() ? 20 : it->second) * 1e6);
     };
     HealthScan scan = withChunks(chunk);
     scan.clock = time.clock();
     const HealthScan::Result result = scan.run(faulty, 500, CancellationFlag{});
     EXPECT_EQ(std::tuple(result.verdict, result.slow, result.unreadable.empty()),
-              std::tuple(c.verdict, c.slow, c.unreadable.empty()));
+              std::tuple(verdict, slow, unreadable.empty()));
   }
 }
 
@@ -124,7 +116,7 @@ TEST(HealthScan, EmptySourceIsHealthyAndCancellationStopsAtTheNextChunk) {
   SimulatedDevice device = emptyCard(8 * 4096, 512);
   FaultyDevice faulty(device);
   CancellationFlag flag;
-  atStep(faulty, &FaultyDevice::reads, 3, [&flag](std::uint64_t) { flag.cancel(); });
+  Step{Act::cancel, kReads, 3}.arm(faulty, flag);
   EXPECT_EQ(errorText([&] { withChunks(4096).run(faulty, 512, flag); }), kStopped);
   EXPECT_EQ(faulty.reads, 3);
 }
