@@ -183,9 +183,6 @@ TEST(CarveEngineTest, DisabledCategoriesAreNotRecordedButExactOnesAreStillSkippe
   for (const FormatCarver* carver : engine.carvers())
     ids.push_back(carver->id());
   EXPECT_EQ(ids, (std::vector<std::string_view>{"isobmff", "riff", "mp3"}));
-  ASSERT_EQ(engine.entries().size(), 4U);  // ftyp at 4, RIFF, FORM, ID3
-  EXPECT_EQ(engine.entries()[0].offset, 4U);
-  EXPECT_EQ(engine.entries()[2].carverIndex, 1U);
   EXPECT_EQ(found(engine.run()), (std::vector<Found>{{4096, wav.size(), "wav", exact}}));
 }
 
@@ -240,10 +237,6 @@ TEST(CarveEngineTest, OutputModesWriteFilesAndTheReport) {
   EXPECT_EQ(listed.files[0].outputPath, std::nullopt);
   EXPECT_EQ(std::distance(fs::directory_iterator(catalog), fs::directory_iterator()), 1);
   EXPECT_EQ(decodeReportJson(readText(catalog / "vellum-report.json")), listed);
-
-  EXPECT_EQ(carvedFileName(1'048'576, "jpg"), "f2048.jpg");
-  EXPECT_EQ(carvedFileName(1000, "png"), "f1.png");
-  EXPECT_EQ(carvedFolderName("m4a"), "M4A");
 }
 
 TEST(CarveEngineTest, HeadThatCannotBeReadLeavesTheDigestOut) {

@@ -157,10 +157,10 @@ std::uint32_t TiffBuilder::ifd(std::vector<TiffField> fields, std::uint32_t next
 
 std::vector<TiffField> tiffImageFields(std::vector<std::uint32_t> strips,
                                        std::vector<std::uint32_t> lengths) {
-  return {tiffShort(256, 16), tiffShort(257, 8),
-          tiffShort(258, 8),  tiffShort(259, 1),
-          tiffShort(262, 1),  tiffLong(273, std::move(strips)),
-          tiffShort(278, 4),  tiffLong(279, std::move(lengths))};
+  return {TiffField::of(3, 256, {16}), TiffField::of(3, 257, {8}),
+          TiffField::of(3, 258, {8}),  TiffField::of(3, 259, {1}),
+          TiffField::of(3, 262, {1}),  TiffField::of(4, 273, std::move(strips)),
+          TiffField::of(3, 278, {4}),  TiffField::of(4, 279, std::move(lengths))};
 }
 
 TiffBuilder stripTiff(bool bigEndian) {

@@ -67,12 +67,15 @@ inline void padToSector(Bytes& out) {
 
 // TIFF in either byte order: blocks and IFDs in the order added, values
 // longer than 4 bytes right after their IFD. Fields are (tag, type 2/3/4,
-// values); ASCII fields carry their text in `text`.
+// values); ASCII fields (type 2) carry their text in `text`.
 struct TiffField {
   std::uint16_t tag;
   std::uint16_t type;
   std::vector<std::uint32_t> values;
   std::string text = {};
+  static TiffField of(std::uint16_t type, std::uint16_t tag, std::vector<std::uint32_t> values) {
+    return {tag, type, std::move(values)};
+  }
 };
 class TiffBuilder {
  public:
@@ -94,23 +97,13 @@ class TiffBuilder {
     std::copy(raw.begin(), raw.end(), out.begin() + static_cast<std::ptrdiff_t>(at));
   }
   void put(Bytes& to, std::uint32_t value, int width) const {
-    for (int i = 0; i < width; ++i)
-      to.push_back(static_cast<std::uint8_t>(value >> (big_ ? 8 * (width - 1 - i) : 8 * i)));
+    (big_ ? be : le)(to, width, {value});
   }
   Bytes out;
 
  private:
   bool big_;
 };
-inline TiffField tiffShort(std::uint16_t tag, std::uint32_t value) {
-  return {tag, 3, {value}};
-}
-inline TiffField tiffLong(std::uint16_t tag, std::vector<std::uint32_t> values) {
-  return {tag, 4, std::move(values)};
-}
-inline TiffField tiffAscii(std::uint16_t tag, std::string value) {
-  return {tag, 2, {}, std::move(value)};
-}
 // The 8 baseline fields of a small greyscale image in the given strips
 // (StripOffsets is the sixth).
 std::vector<TiffField> tiffImageFields(std::vector<std::uint32_t> strips,

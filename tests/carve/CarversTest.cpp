@@ -123,10 +123,12 @@ TEST(Carvers, GoodFiles) {
   }
 
   const std::vector<std::tuple<std::string, std::vector<TiffField>, std::string>> cameras = {
-      {"DNG", {tiffLong(50706, {0x01040000})}, "dng"},
-      {"Nikon CFA", {tiffAscii(271, "NIKON CORPORATION"), tiffShort(262, 32803)}, "nef"},
-      {"camera, ordinary image", {tiffAscii(271, "SONY")}, "tif"},
-      {"CR2 marker", {tiffAscii(271, "Canon")}, "cr2"}};
+      {"DNG", {TiffField::of(4, 50706, {0x01040000})}, "dng"},
+      {"Nikon CFA",
+       {TiffField{271, 2, {}, "NIKON CORPORATION"}, TiffField::of(3, 262, {32803})},
+       "nef"},
+      {"camera, ordinary image", {TiffField{271, 2, {}, "SONY"}}, "tif"},
+      {"CR2 marker", {TiffField{271, 2, {}, "Canon"}}, "cr2"}};
   for (const auto& [name, extra, ext] : cameras) {
     TiffBuilder tiff(false);
     if (ext == "cr2") append(tiff.out, {'C', 'R', 2, 0, 0, 0, 0, 0});
@@ -330,14 +332,14 @@ TEST(Carvers, HostileFiles) {
   {  // a chain that loops back to IFD0
     TiffBuilder tiff(false);
     const auto ifd0 = tiff.ifd(tiffImageFields({tiff.data(filler(100, 1))}, {100}));
-    tiff.patch(ifd0 + 2 + 12 * 8, tiff.ifd({tiffShort(256, 1)}, ifd0));
+    tiff.patch(ifd0 + 2 + 12 * 8, tiff.ifd({TiffField::of(3, 256, {1})}, ifd0));
     tiff.setFirstIfd(ifd0);
     add(tiffCarver(), tiff.out, doubtful(tiff.out.size()));
   }
   {  // an IFD that is its own SubIFD
     TiffBuilder tiff(true);
     std::vector<TiffField> fields = tiffImageFields({tiff.data(filler(100, 1))}, {100});
-    fields.push_back(tiffLong(330, {0}));
+    fields.push_back(TiffField::of(4, 330, {0}));
     const auto ifd0 = tiff.ifd(fields);
     tiff.setFirstIfd(ifd0);
     tiff.patch(ifd0 + 2 + 12 * 8 + 8, ifd0);
@@ -349,7 +351,7 @@ TEST(Carvers, HostileFiles) {
   {
     TiffBuilder tiff(false);
     const auto s1 = tiff.data(filler(100, 1));
-    const auto ifd1 = tiff.ifd({tiffShort(256, 1)});
+    const auto ifd1 = tiff.ifd({TiffField::of(3, 256, {1})});
     tiff.setFirstIfd(tiff.ifd(tiffImageFields({s1}, {100}), ifd1));
     tiff.patch(ifd1, 0xFFFF, 2);
     add(tiffCarver(), tiff.out, doubtful(tiff.out.size()));
@@ -359,7 +361,7 @@ TEST(Carvers, HostileFiles) {
     const auto s1 = tiff.data(filler(16, 1));
     std::uint32_t next = 0;
     for (int i = 0; i < 1000; ++i)
-      next = tiff.ifd({tiffShort(256, 1)}, next);
+      next = tiff.ifd({TiffField::of(3, 256, {1})}, next);
     tiff.setFirstIfd(tiff.ifd(tiffImageFields({s1}, {16}), next));
     add(tiffCarver(), tiff.out, doubtful(0));
   }
@@ -495,10 +497,11 @@ TEST(Carvers, TiffFollowsSubIfdsTilesAndThumbnails) {
   TiffBuilder tiff(true);
   const auto strip = tiff.data(filler(100, 1));
   const auto thumb = tiff.data(filler(50, 2));
-  const auto sub = tiff.ifd({tiffShort(256, 32), tiffLong(324, {0, 0}), tiffLong(325, {256, 400})});
-  const auto ifd1 = tiff.ifd({tiffLong(513, {thumb}), tiffLong(514, {50})});
+  const auto sub = tiff.ifd({TiffField::of(3, 256, {32}), TiffField::of(4, 324, {0, 0}),
+                             TiffField::of(4, 325, {256, 400})});
+  const auto ifd1 = tiff.ifd({TiffField::of(4, 513, {thumb}), TiffField::of(4, 514, {50})});
   std::vector<TiffField> fields = tiffImageFields({strip}, {100});
-  fields.push_back(tiffLong(330, {sub}));
+  fields.push_back(TiffField::of(4, 330, {sub}));
   const auto ifd0 = tiff.ifd(fields, ifd1);
   tiff.setFirstIfd(ifd0);
   tiff.patch(sub + 2 + 12 * 3 + 4, tiff.data(filler(256, 3)));
