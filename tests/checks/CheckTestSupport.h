@@ -4,16 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
-#include <exception>
 #include <functional>
 #include <random>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "bytes/ByteSource.h"
 #include "bytes/DeviceError.h"
 #include "checks/CheckTypes.h"
 #include "devices/SimulatedDevice.h"

@@ -71,14 +71,6 @@ TEST(QuickCheck, NeedsSixteenWholeUnitsAndSkipsAPartialOne) {
   EXPECT_EQ(std::tuple(probed.size(), *probed.rbegin(), faulty.synchronizations),
             std::tuple(1025u, 4999 * kUnit, 2));
   EXPECT_TRUE(probed.contains(1023 * 5000 / 1024 * kUnit));
-
-  using Phase = CheckProgress::Phase;  // progress every 32 steps, then restoring
-  SimulatedDevice small(16 * kUnit, std::nullopt, Overflow::wrap, 512);
-  ProgressLog log;
-  QuickCheck{}.run(small, CancellationFlag{}, log.callback());
-  EXPECT_EQ(log.reports, (std::vector<CheckProgress>{{Phase::probing, 32, 48, std::nullopt},
-                                                     {Phase::probing, 48, 48, std::nullopt},
-                                                     {Phase::restoring, 0, 16, std::nullopt}}));
 }
 
 // Whatever ends a run early, the card holds exactly its old bytes before the
