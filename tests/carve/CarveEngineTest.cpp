@@ -107,20 +107,6 @@ TEST(CarveEngineTest, SkipRule) {
       "tiff", tiffs,
       std::vector<Found>{{0, tiff.out.size(), "tif", exact}, {4096, 626, "tif", exact}});
 
-  // A stored PNG whose data begins on a sector boundary.
-  const Bytes zip = sampleZip({{std::string(481, 'n'), samplePng(200), 0},
-                               {"[Content_Types].xml"},
-                               {"word/document.xml"}})
-                        .bytes;
-  Bytes zips = zip;
-  padToSector(zips);
-  const std::size_t nextZip = zips.size();
-  append(zips, withTail(sampleZip({{"a.txt"}}).bytes, 1024));
-  cases.emplace_back(
-      "zip", zips,
-      std::vector<Found>{{0, zip.size(), "docx", exact},
-                         {nextZip, sampleZip({{"a.txt"}}).bytes.size(), "zip", exact}});
-
   Bytes mp3 = sampleMp3(5, 2000);  // cover art in the tag
   place(mp3, 512, samplePng(100));
   cases.emplace_back("mp3", withTail(mp3, 1000),
