@@ -40,42 +40,29 @@ TEST(FullTest, GenuineCardGetsTheClassOfItsSustainedWriteSpeed) {
 
 TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
   using Damage = std::function<void(FaultyDevice&)>;
+  using Span = std::span<std::uint8_t>;
+  // clang-format off
   const Damage none = [](FaultyDevice&) {};
   const auto flip = [](std::set<std::uint64_t> blocks) -> Damage {  // one byte each, as read back
-    return [blocks](FaultyDevice& d) {
-      d.afterRead = [blocks](std::uint64_t offset, std::span<std::uint8_t> bytes) {
-        for (const std::uint64_t at : blocks)  // unsigned: blocks before offset wrap past the end
-          if (at * kBlock + 2000 - offset < bytes.size())
-            bytes[at * kBlock + 2000 - offset] ^= 0x10;
-      };
-    };
+    return [blocks](FaultyDevice& d) { d.afterRead = [blocks](std::uint64_t offset, Span bytes) {
+      for (const std::uint64_t at : blocks)  // unsigned: blocks before offset wrap past the end
+        if (at * kBlock + 2000 - offset < bytes.size()) bytes[at * kBlock + 2000 - offset] ^= 0x10;
+    }; };
   };
   const auto fail = [](int FaultyDevice::*counter, int k) -> Damage {
     return [=](FaultyDevice& d) { failAt(d, counter, k); };
   };
-  const Damage landsButFails = [](FaultyDevice& d) {
-    d.afterWrite = [](std::uint64_t at, std::size_t) {
-      if (at == 0) throw WriteError::writeFailed(0, EIO);
-    };
-  };
-  const Damage badSector = [](FaultyDevice& d) {  // the fourth sector of block 300
-    d.beforeRead = [](std::uint64_t at, std::size_t n) {
-      if (300 * kBlock + 1536 - at < n) throw DeviceError::readFailed(at, EIO);
-    };
-  };
-  const Damage shortRead = [](FaultyDevice& d) {
-    d.afterRead = [](std::uint64_t offset, std::span<std::uint8_t> bytes) {
-      if (offset == 5 * kChunk && bytes.size() == kChunk)
-        std::fill(bytes.end() - 3 * kBlock, bytes.end(), 0);
-    };
-  };
+  const Damage landsButFails = [](FaultyDevice& d) { d.afterWrite = [](std::uint64_t at, auto) {
+    if (at == 0) throw WriteError::writeFailed(0, EIO); }; };
+  const Damage badSector = [](FaultyDevice& d) { d.beforeRead = [](std::uint64_t at, auto n) {
+    if (300 * kBlock + 1536 - at < n) throw DeviceError::readFailed(at, EIO); }; };  // 4th of block 300
+  const Damage shortRead = [](FaultyDevice& d) { d.afterRead = [](std::uint64_t at, Span bytes) {
+    if (at == 5 * kChunk && bytes.size() == kChunk) std::fill(bytes.end() - 3 * kBlock, bytes.end(), 0); }; };
   const std::optional<std::uint64_t> allGood;
-  const std::set<std::uint64_t> lastTen = {1014, 1015, 1016, 1017, 1018,
-                                           1019, 1020, 1021, 1022, 1023};
+  const std::set<std::uint64_t> lastTen = {1014, 1015, 1016, 1017, 1018, 1019, 1020, 1021, 1022, 1023};
   std::set<std::uint64_t> nineOfTen = lastTen;
   nineOfTen.erase(1019);
   constexpr auto W = &FaultyDevice::writes;
-  // clang-format off
   const std::tuple<std::uint64_t, Overflow, Damage, Verdict, std::int64_t, std::int64_t, std::int64_t,
                    std::int64_t, std::optional<std::uint64_t>, std::size_t> cases[] = {
       // real capacity, overflow, damage: verdict, good, aliased, corrupt, write errors, first bad, read samples
