@@ -30,9 +30,9 @@ TEST(CardImage, CopiesEveryByteInChunksReplacingTheFile) {
   std::ifstream in(path, std::ios::binary);
   EXPECT_TRUE(Bytes(std::istreambuf_iterator<char>(in), {}) == content);
   ASSERT_EQ(log.reports.size(), 2u);
-  EXPECT_EQ(log.reports[1], (CheckProgress{CheckProgress::Phase::reading, size, size,
-                                           log.reports[1].bytesPerSecond}));
-  EXPECT_TRUE(log.reports[1].bytesPerSecond.has_value());
+  EXPECT_EQ(std::tuple(log.reports[1].phase, log.reports[1].completed, log.reports[1].total,
+                       log.reports[1].bytesPerSecond.has_value()),
+            std::tuple(CheckProgress::Phase::reading, size, size, true));
 }
 
 TEST(CardImage, CancelAndErrorsNameThePathAndLeaveNoPartialImageBehind) {
@@ -42,10 +42,8 @@ TEST(CardImage, CancelAndErrorsNameThePathAndLeaveNoPartialImageBehind) {
   CancellationFlag flag;
   CardImage image;
   image.chunkBytes = 4096;
-  EXPECT_EQ(errorText([&] {
-              image.save(source, path, flag, [&](const CheckProgress&) { flag.cancel(); });
-            }),
-            kStopped);
+  const auto stop = [&flag](const CheckProgress&) { flag.cancel(); };
+  EXPECT_EQ(errorText([&] { image.save(source, path, flag, stop); }), kStopped);
   EXPECT_FALSE(std::filesystem::exists(path));
 
   SimulatedDevice device(3 * 4096, std::nullopt, Overflow::wrap, 512);

@@ -1,5 +1,3 @@
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -112,28 +110,6 @@ TEST(WipeTest, LeavesExactlyTheFillAndKeepsTheTrailingPartialBlock) {
   }
   EXPECT_EQ(seeds.size(), std::size(layouts));
   EXPECT_FALSE(seeds.contains(0));
-}
-
-TEST(WipeTest, ReportsEachPassAndTimesTheWrites) {
-  TestCard inner(256 * kKiB, 512);
-  FaultyDevice device(inner);
-  FakeClock clock;
-  // Each 64 KiB write takes 2 ms except the third, which the clock cannot see.
-  device.beforeWrite = [&](auto, auto) { clock.now += device.writes == 3 ? 0 : 2e-3; };
-  device.beforeSynchronize = [&] { clock.now += 1; };
-  ProgressLog log;
-  Wipe wipe = wipeWith(Method::zeros, 64 * kKiB);
-  wipe.clock = clock.clock();
-  const Wipe::Result result = wipe.run(device, {}, log.callback());
-  EXPECT_NEAR(result.write.averageMBps, 65'536 / 2e-3 / 1e6 * 3 / 4, 1e-3);
-  EXPECT_EQ(std::pair(result.write.curve.size(), result.write.minimumMBps), std::pair(4ul, 0.0));
-  EXPECT_NEAR(result.duration, 1.006, 1e-9);
-  ASSERT_GE(log.reports.size(), 9u);  // wiping, verifying, then looking for files
-  EXPECT_EQ(
-      std::tuple(log.reports[2].bytesPerSecond, log.reports[3].completed, log.reports[7].phase,
-                 log.reports[7].bytesPerSecond, log.reports.back().phase),
-      std::tuple(std::optional(0.0), 256 * kKiB, CheckProgress::Phase::verifying,
-                 std::optional<double>(), CheckProgress::Phase::scanningForFiles));
 }
 
 TEST(WipeTest, AnythingLeftBehindMakesTheWipeIncomplete) {
