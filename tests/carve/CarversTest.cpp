@@ -500,9 +500,12 @@ TEST(Carvers, Mp3FrameLengths) {
     EXPECT_EQ(mp3FrameLength(header), length) << int{header[1]} << " " << int{header.back()};
 }
 
-// Damaged copies of every sample, fed to every carver: none may crash, and
-// every match names an extension and one of the carver's own categories.
-TEST(Carvers, EveryCarverSurvivesDamagedInput) {
+// Damaged copies of every sample, and each carver's own signatures followed
+// by nothing, zeros or 0xFF, fed to every carver: none may crash, and every
+// match names an extension and one of the carver's own categories.
+TEST(Carvers, EveryCarverSurvivesHostileInput) {
+  Bytes pdf = pdfBody();
+  append(pdf, "%%EOF\n");
   const std::vector<Bytes> samples = {
       samplePng(),
       sampleJpeg(60, true),
@@ -514,28 +517,38 @@ TEST(Carvers, EveryCarverSurvivesDamagedInput) {
       sampleZip({{"a"}, {"b"}}).bytes,
       sampleOle2(9, 1, utf16("Workbook")),
       sampleMp3(5, 20),
-      withTail(pdfBody(), 0)};
+      pdf};
+  std::vector<Bytes> inputs;
   std::mt19937 random(1234);
-  int matches = 0;
-  for (Bytes sample : samples) {
-    if (sample.size() > 4 && sample[1] == 'P') append(sample, "%%EOF\n");
+  for (const Bytes& sample : samples) {
     for (int round = 0; round < 200; ++round) {
       Bytes damaged = sample;
       for (int i = 0, flips = 1 + static_cast<int>(random() % 4); i < flips; ++i)
         damaged[random() % damaged.size()] =
             static_cast<std::uint8_t>(random() % 3 == 0 ? 0xFF : random());
       if (round % 3 == 0) damaged.resize(random() % damaged.size());
-      for (const FormatCarver* carver : CarverRegistry::all()) {
-        const auto match = carveBytes(*carver, damaged);
-        if (!match) continue;
-        ++matches;
-        EXPECT_GT(match->length, 0U) << carver->id();
-        EXPECT_FALSE(match->ext.empty()) << carver->id();
-        EXPECT_TRUE(carver->categories().contains(match->category)) << carver->id();
-      }
+      inputs.push_back(damaged);
     }
   }
-  EXPECT_GT(matches, 0);
+  for (const FormatCarver* carver : CarverRegistry::all())
+    for (const Bytes& signature : carver->signatures())
+      for (const std::uint8_t fill : {std::uint8_t{0x00}, std::uint8_t{0xFF}})
+        for (const std::size_t tail : {0UL, 4096UL}) {
+          inputs.push_back(Bytes(carver->signatureOffset(), fill));
+          append(inputs.back(), withTail(signature, tail, fill));
+        }
+  int matches = 0;
+  for (const Bytes& input : inputs) {
+    for (const FormatCarver* carver : CarverRegistry::all()) {
+      const auto match = carveBytes(*carver, input);
+      if (!match) continue;
+      ++matches;
+      EXPECT_GT(match->length, 0U) << carver->id();
+      EXPECT_FALSE(match->ext.empty()) << carver->id();
+      EXPECT_TRUE(carver->categories().contains(match->category)) << carver->id();
+    }
+  }
+  EXPECT_GT(matches, 0);  // some damage leaves files intact
 }
 
 }  // namespace
