@@ -216,11 +216,13 @@ TEST(Carvers, TruncatedFiles) {
   const Bytes open = sampleJpeg(300, false, false);
   Bytes next = open;
   append(next, sampleJpeg(100));
+  // A JPEG without its end runs to the next one's start, or at most 16 MiB.
   add(jpegCarver(), next, doubt(open.size(), "jpg", photos));
   add(jpegCarver(), withTail(open, 17'000'000), doubt(16'777'216, "jpg", photos));
   const Bytes gif = sampleGif();
   for (std::size_t at = 6; at < gif.size(); ++at)
     add(gifCarver(), cut(gif, at), std::nullopt);
+  // A BMP whose stated size is past the source; a WAV cut after 20 bytes.
   add(bmpCarver(), le32At(sampleBmp(4, 4), 2, 103), std::nullopt);
 
   Bytes mdat = sampleIsoBmff("isom", {{"moov", 30}});  // mdat claims 1 MB, 500 bytes are there
@@ -243,6 +245,7 @@ TEST(Carvers, TruncatedFiles) {
   add(tiffCarver(), cut(ifdFirstTiff(false).out, stripsAt + 350),
       doubt(stripsAt + 300, "tif", photos));
 
+  // No end marker; cut in an update (the first revision is whole).
   add(pdfCarver(), pdfBody(), std::nullopt);
   Bytes revised = pdfBody();
   append(revised, "%%EOF\n");
@@ -260,6 +263,7 @@ TEST(Carvers, TruncatedFiles) {
   cases.push_back(
       {Where::current(), &pdfCarver(), shortPdf, sure(whole.size(), "pdf", docs), nextAt});
 
+  // Cut in entry data, in the directory, in the comment; a descriptor that never comes.
   const ZipArchive zip = sampleZip({{"a.txt", filler(400, 1)}, {"b.txt", filler(400, 2)}});
   for (std::size_t at : {zip.dataAt[1] + 100, zip.directoryAt + 20, zip.bytes.size() - 3})
     add(zipCarver(), cut(zip.bytes, at), doubt(at, "zip", archives));
@@ -268,6 +272,7 @@ TEST(Carvers, TruncatedFiles) {
   add(zipCarver(), cut(streamed.bytes, streamed.dataAt[1] + 400),
       doubt(streamed.dataAt[1] + 400, "zip", archives));
 
+  // OLE2 cut by the source's end; 3 MP3 frames are too few; a frame cut short.
   add(ole2Carver(), withTail(sampleOle2(9, 1), 30'000 - 512), doubt(30'000, "ole", docs));
   add(mp3Carver(), sampleMp3(3), std::nullopt);
   add(mp3Carver(), cut(sampleMp3(8), 310 + 6 * 417 + 100), doubt(310 + 6 * 417, "mp3", audio));
@@ -282,12 +287,15 @@ TEST(Carvers, HostileFiles) {
     cases.push_back({where, &carver, std::move(bytes), want});
   };
   const Bytes png = withTail(samplePng(), 100);
+  // PNG: first chunk not IHDR; a chunk claiming 2 GiB.
   add(pngCarver(), edited(png, 12, {'i'}));
   add(pngCarver(), edited(png, 33, {0x7F, 0xFF, 0xFF, 0xF0}));
   const Bytes jpeg = sampleJpeg();  // FFD8 | FFE0 (4..19) | FFDB at 20, length at 22
+  // JPEG: a marker without FF; an end marker in the header.
   add(jpegCarver(), edited(jpeg, 20, {0x12}));
   add(jpegCarver(), edited(jpeg, 21, {0xD9}));
   const Bytes gif = sampleGif();
+  // GIF: width 0; a sub-block chain that never ends.
   add(gifCarver(), edited(gif, 6, {0, 0}));
   Bytes endless = cut(gif, 19);
   append(endless, {0x21, 0xFE});
@@ -295,6 +303,7 @@ TEST(Carvers, HostileFiles) {
     append(endless, {1, 0x41});
   add(gifCarver(), endless);
   const Bytes bmp = sampleBmp(4, 4);
+  // BMP: header size 20, file size 57 or over 256 MiB, data offset 25 or at the end.
   for (const auto& [at, value] : std::vector<std::pair<std::size_t, std::uint32_t>>{
            {14, 20}, {2, 57}, {2, 268'435'457}, {10, 25}, {10, 102}})
     add(bmpCarver(), le32At(bmp, at, value));
@@ -307,7 +316,9 @@ TEST(Carvers, HostileFiles) {
   }
   Bytes onlyOpen = sampleIsoBmff("isom", {{"free", 8}});
   append(onlyOpen, {0, 0, 0, 0, 'm', 'd', 'a', 't'});
+  // The only content box runs to the end (size 0): no file.
   add(isoBmffCarver(), withTail(onlyOpen, 100));
+  // RIFF: size 3; a form type of the other container.
   add(riffCarver(), le32At(sampleRiff("RIFF", "WAVE", 0), 4, 3));
   add(riffCarver(), sampleRiff("RIFF", "AIFF", 20));
 
@@ -328,6 +339,7 @@ TEST(Carvers, HostileFiles) {
     tiff.patch(ifd0 + 2 + 12 * 8 + 8, ifd0);
     add(tiffCarver(), tiff.out, sure(tiff.out.size(), "tif", photos));
   }
+  // 65,535 entries in IFD0; 1,000 chained IFDs (the walk's bound); BigTIFF.
   TiffBuilder hugeCount = stripTiff(false);
   hugeCount.patch(508, 0xFFFF, 2);
   add(tiffCarver(), hugeCount.out);
@@ -342,6 +354,7 @@ TEST(Carvers, HostileFiles) {
   }
   add(tiffCarver(), edited(stripTiff(false).out, 2, {43}));
 
+  // PDF version 0 or without a digit.
   for (const std::string_view version : {"0.9", "x.1"}) {
     Bytes pdf = pdfBody(version);
     append(pdf, "%%EOF\n");
@@ -359,11 +372,14 @@ TEST(Carvers, HostileFiles) {
   add(zipCarver(), farSize, zipOf(farSize.size(), true));
   Bytes noEnd = le32At(withTail(farSize, 100), zip.bytes.size() - 22 - 4, 0);
   add(zipCarver(), noEnd, zipOf(noEnd.size(), false));
+  // Version needed 12,308 is no local header.
   add(zipCarver(), edited(zip.bytes, 5, {0x30}));
   // Damage between entries: the end record is found and agrees with its directory.
   const Bytes between = le32At(zip.bytes, zip.dataAt[1] - 35, 0xDEADBEEF);
   add(zipCarver(), withTail(between, 100), zipOf(between.size(), true));
   add(zipCarver(), le32At(between, between.size() - 4 - 10, 7), zipOf(0, false));
+  // A ZIP64 end record claiming an enormous size is stepped over through the
+  // locator; one whose directory offset disagrees is not trusted.
   const Bytes zip64 = sampleZip({{"a.txt"}}, "", true).bytes;
   const std::size_t record = zip64.size() - 22 - 20 - 56;
   const Bytes hugeRecord =
@@ -372,16 +388,19 @@ TEST(Carvers, HostileFiles) {
   add(zipCarver(),
       edited(hugeRecord, record + 48, {static_cast<std::uint8_t>(hugeRecord[record + 48] ^ 1)}),
       zipOf(0, false));
+  // Descriptors that never agree: the search gives up at the source's end.
   Bytes descriptors = sampleZip({{"a.bin", filler(3000), 8, ZipDescriptor::withSignature}}).bytes;
   descriptors.resize(descriptors.size() - 60);
   for (std::size_t at = 100; at + 4 < descriptors.size(); at += 16)
     place(descriptors, at, text("PK\x07\x08"));
   add(zipCarver(), descriptors, zipOf(descriptors.size(), false));
 
+  // OLE2: no table sectors, too many, or an unknown sector shift.
   for (const auto& [shift, sectors] : std::vector<std::pair<std::uint16_t, std::uint32_t>>{
            {9, 0}, {9, 65'537}, {10, 1}, {11, 1}, {8, 1}})
     add(ole2Carver(), withTail(sampleOle2(shift, sectors), 100'000));
   const Bytes mp3 = sampleMp3(6);
+  // ID3 size not sync-safe; a tag past the source's end.
   add(mp3Carver(), edited(mp3, 7, {0x80}));
   add(mp3Carver(), edited(mp3, 6, {0x7F}));
   check(cases);
