@@ -222,7 +222,7 @@ TEST(Carvers, TruncatedFiles) {
   const Bytes gif = sampleGif();
   for (std::size_t at = 6; at < gif.size(); ++at)
     add(gifCarver(), cut(gif, at), std::nullopt);
-  // A BMP whose stated size is past the source; a WAV cut after 20 bytes.
+  // A BMP whose stated size is past the source.
   add(bmpCarver(), le32At(sampleBmp(4, 4), 2, 103), std::nullopt);
 
   Bytes mdat = sampleIsoBmff("isom", {{"moov", 30}});  // mdat claims 1 MB, 500 bytes are there
