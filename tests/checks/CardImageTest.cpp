@@ -14,7 +14,7 @@ namespace {
 
 using namespace testing;
 
-TEST(CardImage, CopiesEveryByteInChunksReplacingTheFile) {
+TEST(CardImage, CopiesEveryByteAndLeavesNoPartialImageOnCancelOrError) {
   TempDir dir;
   const std::string path = dir.file("card.img");
   constexpr std::uint64_t size = 8'388'608 + 1;
@@ -33,11 +33,7 @@ TEST(CardImage, CopiesEveryByteInChunksReplacingTheFile) {
   EXPECT_EQ(std::tuple(log.reports[1].phase, log.reports[1].completed, log.reports[1].total,
                        log.reports[1].bytesPerSecond.has_value()),
             std::tuple(CheckProgress::Phase::reading, size, size, true));
-}
 
-TEST(CardImage, CancelAndErrorsNameThePathAndLeaveNoPartialImageBehind) {
-  TempDir dir;
-  const std::string path = dir.file("card.img");
   MemorySource source(noise(3 * 4096, 3));
   CancellationFlag flag;
   CardImage image;
@@ -46,20 +42,20 @@ TEST(CardImage, CancelAndErrorsNameThePathAndLeaveNoPartialImageBehind) {
   EXPECT_EQ(errorText([&] { image.save(source, path, flag, stop); }), kStopped);
   EXPECT_FALSE(std::filesystem::exists(path));
 
-  SimulatedDevice device(3 * 4096, std::nullopt, Overflow::wrap, 512);
-  FaultyDevice faulty(device);
+  SimulatedDevice small(3 * 4096, std::nullopt, Overflow::wrap, 512);
+  FaultyDevice smallFaulty(small);
   const std::string missing = dir.file("missing") + "/card.img";
-  EXPECT_EQ(errorText([&] { CardImage{}.save(faulty, missing, CancellationFlag{}); }),
+  EXPECT_EQ(errorText([&] { CardImage{}.save(smallFaulty, missing, CancellationFlag{}); }),
             "Couldn't create the backup image " + missing +
                 ": No such file or directory. Choose a folder you can write to.");
-  EXPECT_EQ(faulty.reads, 0) << "fails before reading";
+  EXPECT_EQ(smallFaulty.reads, 0) << "fails before reading";
   // /dev/full accepts the open and refuses every write.
-  EXPECT_EQ(errorText([&] { CardImage{}.save(faulty, "/dev/full", CancellationFlag{}); }),
+  EXPECT_EQ(errorText([&] { CardImage{}.save(smallFaulty, "/dev/full", CancellationFlag{}); }),
             "Couldn't write the backup image /dev/full: No space left on device. Check that the "
             "disk has enough free space.");
   // A read error passes through unchanged and leaves what was copied.
-  device.unreadableBlocks().insert(8 * 2 + 1);
-  EXPECT_EQ(errorText([&] { image.save(device, path, CancellationFlag{}); }),
+  small.unreadableBlocks().insert(8 * 2 + 1);
+  EXPECT_EQ(errorText([&] { image.save(small, path, CancellationFlag{}); }),
             DeviceError::readFailed(2 * 4096 + 512, EIO).description());
   EXPECT_EQ(std::filesystem::file_size(path), 2u * 4096);
 

@@ -76,9 +76,6 @@ TEST(QuickCheck, NeedsSixteenWholeUnitsAndSkipsAPartialOne) {
 // Whatever ends a run early, the card holds exactly its old bytes before the
 // error reaches the caller.
 TEST(QuickCheck, CardDataIsRestoredBeforeAnyErrorReachesTheCaller) {
-  const auto readFailed = [](std::uint64_t unit) {
-    return DeviceError::readFailed(unit * kUnit, EIO).description();
-  };
   using enum Act;
   // clang-format off
   const std::tuple<Step, std::string, int, std::uint64_t> cases[] = {
@@ -93,10 +90,10 @@ TEST(QuickCheck, CardDataIsRestoredBeforeAnyErrorReachesTheCaller) {
       {{cancel, kReads, 2 * kPoints + 2}, kStopped, 2 * kPoints, 16 * kMiB},  // in the read sample
       // A quarter-size fake: the first pass makes 1025 test writes and 1025 restores.
       {{cancel, kWrites, 2 * 1025 + 3}, kStopped, -1, 4 * kMiB},
-      {{fail, kReads, 400}, readFailed(399 * 4), 0, 16 * kMiB},  // saving
+      {{fail, kReads, 400}, DeviceError::readFailed(1596 * kUnit, EIO).description(), 0, 16 * kMiB},  // saving
       {{fail, kWrites, 7}, WriteError::writeFailed(4072 * kUnit, EIO).description(), 7 + kPoints, 16 * kMiB},
       {{fail, kSyncs, 1}, "Write failed at offset 0: Input/output error", 2 * kPoints, 16 * kMiB},
-      {{fail, kReads, kPoints + 3}, readFailed(8), 2 * kPoints, 16 * kMiB},  // verifying
+      {{fail, kReads, kPoints + 3}, DeviceError::readFailed(8 * kUnit, EIO).description(), 2 * kPoints, 16 * kMiB},  // verifying
       {{unplug, kWrites, 2}, "unplugged", 2 + kPoints, 16 * kMiB},
       // Restores run from the last unit down: 4095, 4092, 4088, ...; the rest are not attempted.
       {{fail, kWrites, kPoints + 1}, CheckError::restoreFailed(4095 * kUnit).description(), kPoints + 1, 16 * kMiB},
