@@ -20,8 +20,7 @@
 namespace vellum::testing {
 
 using Overflow = SimulatedDevice::Overflow;
-constexpr std::uint64_t kKiB = 1024;
-constexpr std::uint64_t kMiB = 1024 * kKiB;
+constexpr std::uint64_t kKiB = 1024, kMiB = 1024 * kKiB;
 inline const std::string kStopped = "The test was stopped.";
 
 // Reproducible noise, so a restored card can be told from a zeroed one.
@@ -125,8 +124,7 @@ struct Step {
     });
   }
 };
-constexpr auto kReads = &FaultyDevice::reads;
-constexpr auto kWrites = &FaultyDevice::writes;
-constexpr auto kSyncs = &FaultyDevice::synchronizations;
+constexpr auto kReads = &FaultyDevice::reads, kWrites = &FaultyDevice::writes,
+               kSyncs = &FaultyDevice::synchronizations;
 
 }  // namespace vellum::testing

@@ -62,7 +62,6 @@ TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
   const std::set<std::uint64_t> lastTen = {1014, 1015, 1016, 1017, 1018, 1019, 1020, 1021, 1022, 1023};
   std::set<std::uint64_t> nineOfTen = lastTen;
   nineOfTen.erase(1019);
-  constexpr auto W = &FaultyDevice::writes;
   const std::tuple<std::uint64_t, Overflow, Damage, Verdict, std::int64_t, std::int64_t, std::int64_t,
                    std::int64_t, std::optional<std::uint64_t>, std::size_t> cases[] = {
       // real capacity, overflow, damage: verdict, good, aliased, corrupt, write errors, first bad, read samples
@@ -76,10 +75,10 @@ TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
       {4 * kMiB, Overflow::wrap, flip(nineOfTen), Verdict::failing, 1015, 0, 9, 0, 1014 * kBlock, 64},
       {4 * kMiB, Overflow::wrap, flip(lastTen), Verdict::counterfeit, 1014, 0, 10, 0, 1014 * kBlock, 64},
       // The eleventh chunk's write fails: its 16 blocks read as old zeros.
-      {4 * kMiB, Overflow::wrap, fail(W, 11), Verdict::failing, 1008, 0, 16, 1, 10 * kChunk, 64},
+      {4 * kMiB, Overflow::wrap, fail(kWrites, 11), Verdict::failing, 1008, 0, 16, 1, 10 * kChunk, 64},
       {4 * kMiB, Overflow::wrap, landsButFails, Verdict::failing, 1024, 0, 0, 1, allGood, 64},
       // The fourth chunk's read fails, its blocks read fine one by one: no sample.
-      {4 * kMiB, Overflow::wrap, fail(&FaultyDevice::reads, 4), Verdict::genuine, 1024, 0, 0, 0, allGood, 63},
+      {4 * kMiB, Overflow::wrap, fail(kReads, 4), Verdict::genuine, 1024, 0, 0, 0, allGood, 63},
       // One unreadable 512-byte sector spoils exactly its 4096-byte block.
       {4 * kMiB, Overflow::wrap, badSector, Verdict::failing, 1023, 0, 1, 0, 300 * kBlock, 63},
       // The blocks a short chunk read did not return are corrupt.
