@@ -61,14 +61,6 @@ inline void putWord(Bytes& bytes, std::size_t at, std::uint64_t word) {
     bytes[at + i] = static_cast<std::uint8_t>(word >> (8 * i));
 }
 
-// A clock that only moves when a test moves it.
-struct FakeClock {
-  double now = 1000;
-  SecondsClock clock() {
-    return [this] { return now; };
-  }
-};
-
 // The text of what run() throws, or "no error".
 inline std::string errorText(const std::function<void()>& run) {
   try {

@@ -9,21 +9,15 @@ using Verdict = FullTest::Result::Verdict;
 
 constexpr std::uint64_t kBlock = 4096;
 constexpr std::uint64_t kChunk = 64 * 1024;  // 16 blocks: a 4 MiB card has 64 chunks
-
-FullTest smallChunks() {
-  FullTest test;
-  test.chunkBytes = kChunk;
-  return test;
-}
+const FullTest kSmallChunks{.chunkBytes = kChunk, .clock = {}};
 
 TEST(FullTest, GenuineCardGetsTheClassOfItsSustainedWriteSpeed) {
   SimulatedDevice card(4 * kMiB, std::nullopt, Overflow::wrap, 512);
   FaultyDevice faulty(card);
-  FakeClock time;
-  faulty.beforeWrite = [&](std::uint64_t, std::size_t n) { time.now += double(n) / 12e6; };
-  faulty.beforeRead = [&](std::uint64_t, std::size_t n) { time.now += double(n) / 50e6; };
-  FullTest test = smallChunks();
-  test.clock = time.clock();
+  double now = 1000;  // a clock that moves only with the transfers
+  faulty.beforeWrite = [&](std::uint64_t, std::size_t n) { now += double(n) / 12e6; };
+  faulty.beforeRead = [&](std::uint64_t, std::size_t n) { now += double(n) / 50e6; };
+  const FullTest test{.chunkBytes = kChunk, .clock = [&now] { return now; }};
   ProgressLog log;
   const FullTest::Result r = test.run(faulty, CancellationFlag{}, log.callback());
   EXPECT_EQ(std::tuple(r.verdict, r.goodBlocks, r.usableBytes, r.holdsBytes, r.speedClass),
@@ -55,34 +49,40 @@ TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
   const Damage landsButFails = [](FaultyDevice& d) { d.afterWrite = [](std::uint64_t at, auto) {
     if (at == 0) throw WriteError::writeFailed(0, EIO); }; };
   const Damage badSector = [](FaultyDevice& d) { d.beforeRead = [](std::uint64_t at, auto n) {
-    if (300 * kBlock + 1536 - at < n) throw DeviceError::readFailed(at, EIO); }; };  // 4th of block 300
+    if (300 * kBlock + 1536 - at < n) throw DeviceError::readFailed(at, EIO); }; };  // block 300
   const Damage shortRead = [](FaultyDevice& d) { d.afterRead = [](std::uint64_t at, Span bytes) {
-    if (at == 5 * kChunk && bytes.size() == kChunk) std::fill(bytes.end() - 3 * kBlock, bytes.end(), 0); }; };
+    if (at == 5 * kChunk && bytes.size() == kChunk) std::fill(bytes.end() - 12288, bytes.end(), 0);
+  }; };
   const std::optional<std::uint64_t> allGood;
-  const std::set<std::uint64_t> lastTen = {1014, 1015, 1016, 1017, 1018, 1019, 1020, 1021, 1022, 1023};
+  const std::set<std::uint64_t> lastTen = {1014, 1015, 1016, 1017, 1018, 1019, 1020, 1021, 1022,
+                                           1023};
   std::set<std::uint64_t> nineOfTen = lastTen;
   nineOfTen.erase(1019);
-  const std::tuple<std::uint64_t, Overflow, Damage, Verdict, std::int64_t, std::int64_t, std::int64_t,
-                   std::int64_t, std::optional<std::uint64_t>, std::size_t> cases[] = {
-      // real capacity, overflow, damage: verdict, good, aliased, corrupt, write errors, first bad, read samples
+  using enum Overflow;
+  using enum Verdict;
+  const std::tuple<std::uint64_t, Overflow, Damage, Verdict, std::int64_t, std::int64_t,
+                   std::int64_t, std::int64_t, std::optional<std::uint64_t>, std::size_t>
+      cases[] = {
+      // real capacity, overflow, damage: verdict, good, aliased, corrupt, write errors,
+      // first bad offset, read speed samples
       // Blocks 256 and up land on the real first megabyte, so only the last
       // quarter written survives; everything else reads back another block.
-      {kMiB, Overflow::wrap, none, Verdict::counterfeit, 256, 768, 0, 0, 0, 64},
+      {kMiB, wrap, none, counterfeit, 256, 768, 0, 0, 0, 64},
       // The missing three quarters read as zeros: bad / rest = 1.0.
-      {kMiB, Overflow::discard, none, Verdict::counterfeit, 256, 0, 768, 0, kMiB, 64},
-      {4 * kMiB, Overflow::wrap, flip({100, 500}), Verdict::failing, 1022, 0, 2, 0, 100 * kBlock, 64},
+      {kMiB, discard, none, counterfeit, 256, 0, 768, 0, kMiB, 64},
+      {4 * kMiB, wrap, flip({100, 500}), failing, 1022, 0, 2, 0, 100 * kBlock, 64},
       // 9 bad of the last 10 is not more than 0.9; 10 of 10 is.
-      {4 * kMiB, Overflow::wrap, flip(nineOfTen), Verdict::failing, 1015, 0, 9, 0, 1014 * kBlock, 64},
-      {4 * kMiB, Overflow::wrap, flip(lastTen), Verdict::counterfeit, 1014, 0, 10, 0, 1014 * kBlock, 64},
+      {4 * kMiB, wrap, flip(nineOfTen), failing, 1015, 0, 9, 0, 1014 * kBlock, 64},
+      {4 * kMiB, wrap, flip(lastTen), counterfeit, 1014, 0, 10, 0, 1014 * kBlock, 64},
       // The eleventh chunk's write fails: its 16 blocks read as old zeros.
-      {4 * kMiB, Overflow::wrap, fail(kWrites, 11), Verdict::failing, 1008, 0, 16, 1, 10 * kChunk, 64},
-      {4 * kMiB, Overflow::wrap, landsButFails, Verdict::failing, 1024, 0, 0, 1, allGood, 64},
+      {4 * kMiB, wrap, fail(kWrites, 11), failing, 1008, 0, 16, 1, 10 * kChunk, 64},
+      {4 * kMiB, wrap, landsButFails, failing, 1024, 0, 0, 1, allGood, 64},
       // The fourth chunk's read fails, its blocks read fine one by one: no sample.
-      {4 * kMiB, Overflow::wrap, fail(kReads, 4), Verdict::genuine, 1024, 0, 0, 0, allGood, 63},
+      {4 * kMiB, wrap, fail(kReads, 4), genuine, 1024, 0, 0, 0, allGood, 63},
       // One unreadable 512-byte sector spoils exactly its 4096-byte block.
-      {4 * kMiB, Overflow::wrap, badSector, Verdict::failing, 1023, 0, 1, 0, 300 * kBlock, 63},
+      {4 * kMiB, wrap, badSector, failing, 1023, 0, 1, 0, 300 * kBlock, 63},
       // The blocks a short chunk read did not return are corrupt.
-      {4 * kMiB, Overflow::wrap, shortRead, Verdict::failing, 1021, 0, 3, 0, 6 * kChunk - 3 * kBlock, 64},
+      {4 * kMiB, wrap, shortRead, failing, 1021, 0, 3, 0, 6 * kChunk - 3 * kBlock, 64},
   };
   // clang-format on
   for (const auto& [real, overflow, damage, verdict, good, aliased, corrupt, writeErrors, firstBad,
@@ -90,7 +90,7 @@ TEST(FullTest, VerdictsOfFakeFailingAndFlakyCards) {
     SimulatedDevice card(4 * kMiB, real, overflow, 512);
     FaultyDevice faulty(card);
     damage(faulty);
-    const FullTest::Result r = smallChunks().run(faulty, CancellationFlag{});
+    const FullTest::Result r = kSmallChunks.run(faulty, CancellationFlag{});
     EXPECT_EQ(std::tuple(r.verdict, r.goodBlocks, r.aliasedBlocks, r.corruptBlocks, r.writeErrors,
                          r.firstBadOffset, r.read.curve.size()),
               std::tuple(verdict, good, aliased, corrupt, writeErrors, firstBad, samples));
@@ -134,7 +134,7 @@ TEST(FullTest, StopsOnlyForCancellationSynchronizeAndTheUnexpected) {
     FaultyDevice faulty(card);
     CancellationFlag flag;
     step.arm(faulty, flag);
-    EXPECT_EQ(errorText([&] { smallChunks().run(faulty, flag); }), error);
+    EXPECT_EQ(errorText([&] { kSmallChunks.run(faulty, flag); }), error);
     EXPECT_EQ(std::pair(faulty.writes, faulty.reads), std::pair(writes, reads)) << error;
   }
 }

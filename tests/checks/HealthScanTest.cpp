@@ -10,17 +10,7 @@ namespace {
 using namespace testing;
 using Region = HealthScan::Result::Region;
 using Verdict = HealthScan::Result::Verdict;
-
-// A card that reads zeros everywhere without holding any storage.
-SimulatedDevice emptyCard(std::uint64_t size, std::int64_t blockSize) {
-  return SimulatedDevice(size, 0, Overflow::discard, blockSize);
-}
-
-HealthScan withChunks(std::int64_t chunkBytes) {
-  HealthScan scan;
-  scan.chunkBytes = chunkBytes;
-  return scan;
-}
+const HealthScan kSmallChunks{.chunkBytes = 4096, .clock = {}};
 
 // Reads like a disk source: unreadable 512-byte sectors come back as zeros
 // and are counted in badReads, never thrown.
@@ -43,30 +33,31 @@ struct AbsorbingSource final : ByteSource {
 // own become regions, and failed chunks give no speed sample.
 TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
   // clang-format off
-  const std::tuple<std::uint64_t, std::set<std::uint64_t>, std::int64_t, std::vector<Region>, std::size_t> cases[] = {
+  const std::tuple<std::uint64_t, std::set<std::uint64_t>, std::int64_t, std::vector<Region>,
+                   std::size_t> cases[] = {
       // size, unreadable 512-byte blocks, sector size: regions, speed samples
       {8192, {}, 512, {}, 1},                                    // every sector reads on its own
       {8192, {2, 3}, 512, {{1024, 1024}}, 1},                    // touching sectors merge
-      {8192, {3}, 2048, {{0, 2048}}, 1},                         // coarser retries cover whole sectors
+      {8192, {3}, 2048, {{0, 2048}}, 1},                         // retries cover whole sectors
       {4096 + 700, {9}, 512, {{4608, 188}}, 0},                  // a short last piece
       {16384, {1, 15, 16}, 512, {{512, 512}, {7680, 1024}}, 1},  // regions in different chunks
   };
   // clang-format on
   for (const auto& [size, badBlocks, sector, expected, samples] : cases) {
-    SimulatedDevice device = emptyCard(size, 512);
+    SimulatedDevice device(size, 0, Overflow::discard, 512);  // zeros, no storage
     device.unreadableBlocks() = badBlocks;
     FaultyDevice faulty(device);
     faulty.beforeRead = [](std::uint64_t offset, std::size_t length) {
       if (offset == 0 && length == 4096) throw DeviceError::readFailed(0, EIO);
     };
-    const auto r = withChunks(4096).run(faulty, sector, CancellationFlag{});
+    const auto r = kSmallChunks.run(faulty, sector, CancellationFlag{});
     EXPECT_EQ(std::tuple(r.unreadable, r.read.curve.size(), r.scannedBytes, r.verdict),
               std::tuple(expected, samples, size,
                          expected.empty() ? Verdict::healthy : Verdict::unreadableAreas));
   }
   AbsorbingSource source;
   source.bad = {3, 4, 20};
-  const HealthScan::Result absorbed = withChunks(4096).run(source, 512, CancellationFlag{});
+  const HealthScan::Result absorbed = kSmallChunks.run(source, 512, CancellationFlag{});
   EXPECT_EQ(
       std::tuple(absorbed.verdict, absorbed.unreadable, absorbed.read.curve.size()),
       std::tuple(Verdict::unreadableAreas, std::vector<Region>{{1536, 1024}, {10240, 512}}, 2u))
@@ -76,27 +67,28 @@ TEST(HealthScan, UnreadableSectorsAreFoundAtSectorGranularity) {
 TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
   constexpr std::uint64_t chunk = 1'000'000;
   // clang-format off
-  const std::tuple<std::map<std::uint64_t, double>, std::set<std::uint64_t>, Verdict, std::vector<Region>> cases[] = {
+  const std::tuple<std::map<std::uint64_t, double>, std::set<std::uint64_t>, Verdict,
+                   std::vector<Region>> cases[] = {
       // MB/s by chunk number (20 otherwise), unreadable 500-byte blocks: verdict, slow regions
       // Median of 20, 20, 20, 3 is index 2 of the sorted four: 20; 3 < 4.
       {{{3, 3}}, {}, Verdict::slowAreas, {{3 * chunk, chunk}}},
-      {{{3, 4.01}}, {}, Verdict::healthy, {}},                                          // just above the threshold
+      {{{3, 4.01}}, {}, Verdict::healthy, {}},  // just above the threshold
       {{{4, 1}, {5, 2}, {6, 3.9}}, {}, Verdict::slowAreas, {{4 * chunk, 3 * chunk}}},  // merged
-      {{{1, 1}}, {5000}, Verdict::unreadableAreas, {{chunk, chunk}}},                  // unreadable wins
+      {{{1, 1}}, {5000}, Verdict::unreadableAreas, {{chunk, chunk}}},  // unreadable wins
   };
   // clang-format on
   for (const auto& [speeds, unreadable, verdict, slow] : cases) {
-    SimulatedDevice device = emptyCard((speeds.size() > 1 ? 8 : 4) * chunk, 500);
+    SimulatedDevice device((speeds.size() > 1 ? 8 : 4) * chunk, 0, Overflow::discard, 500);
     device.unreadableBlocks() = unreadable;
     FaultyDevice faulty(device);
-    FakeClock time;
-    faulty.beforeRead = [&time, &speeds](std::uint64_t offset, std::size_t length) {
+    double now = 1000;
+    faulty.beforeRead = [&now, &speeds](std::uint64_t offset, std::size_t length) {
       const auto it = speeds.find(offset / chunk);
-      time.now += static_cast<double>(length) / ((it == speeds.end() ? 20 : it->second) * 1e6);
+      now += static_cast<double>(length) / ((it == speeds.end() ? 20 : it->second) * 1e6);
     };
-    HealthScan scan = withChunks(chunk);
-    scan.clock = time.clock();
-    const HealthScan::Result result = scan.run(faulty, 500, CancellationFlag{});
+    const HealthScan::Result result =
+        HealthScan{.chunkBytes = chunk, .clock = [&now] { return now; }}.run(faulty, 500,
+                                                                             CancellationFlag{});
     EXPECT_EQ(std::tuple(result.verdict, result.slow, result.unreadable.empty()),
               std::tuple(verdict, slow, unreadable.empty()));
   }
@@ -104,17 +96,15 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
 
 TEST(HealthScan, EmptySourceIsHealthyAndCancellationStopsAtTheNextChunk) {
   MemorySource empty(Bytes{});
-  ProgressLog log;
-  HealthScan::Result healthy = HealthScan{}.run(empty, 512, CancellationFlag{}, log.callback());
+  HealthScan::Result healthy = HealthScan{}.run(empty, 512, CancellationFlag{});
   healthy.duration = 0;
   EXPECT_EQ(healthy, HealthScan::Result{});
-  EXPECT_TRUE(log.reports.empty());
 
-  SimulatedDevice device = emptyCard(8 * 4096, 512);
+  SimulatedDevice device(8 * 4096, 0, Overflow::discard, 512);
   FaultyDevice faulty(device);
   CancellationFlag flag;
   Step{Act::cancel, kReads, 3}.arm(faulty, flag);
-  EXPECT_EQ(errorText([&] { withChunks(4096).run(faulty, 512, flag); }), kStopped);
+  EXPECT_EQ(errorText([&] { kSmallChunks.run(faulty, 512, flag); }), kStopped);
   EXPECT_EQ(faulty.reads, 3);
 }
 

@@ -40,10 +40,7 @@ struct TestCard final : BlockDevice {
 };
 
 Wipe wipeWith(Method method, std::int64_t chunkBytes) {
-  Wipe wipe;
-  wipe.method = method;
-  wipe.chunkBytes = chunkBytes;
-  return wipe;
+  return Wipe{.method = method, .chunkBytes = chunkBytes, .clock = {}};
 }
 
 // The SplitMix64 stream from a state; a remainder under 8 bytes is zero.
@@ -115,20 +112,28 @@ TEST(WipeTest, LeavesExactlyTheFillAndKeepsTheTrailingPartialBlock) {
 TEST(WipeTest, AnythingLeftBehindMakesTheWipeIncomplete) {
   constexpr std::uint64_t kChunk = 64 * kKiB, kPerChunk = kChunk / 512;
   using Damage = std::function<void(TestCard&, FaultyDevice&)>;
+  const Damage lostPastHalf = [](TestCard& card, FaultyDevice&) {
+    card.keepsBelow = 512 * kKiB;
+    card.memory.write(768 * kKiB, sampleJpeg());
+  };
+  const auto fail = [](int FaultyDevice::*counter, int k) -> Damage {
+    return [=](TestCard&, FaultyDevice& d) { failAt(d, counter, k); };
+  };
+  const Damage flipOnRead = [](TestCard&, FaultyDevice& d) {
+    d.afterRead = [&d](auto, auto bytes) { bytes[4000] ^= d.reads == 6 ? 0x10 : 0; };
+  };
+  using enum Method;
   // clang-format off
-  const std::tuple<const char*, Method, std::uint64_t, std::int64_t, Damage, std::int64_t, std::uint64_t, std::int64_t> rows[] = {
+  const std::tuple<const char*, Method, std::uint64_t, std::int64_t, Damage, std::int64_t,
+                   std::uint64_t, std::int64_t> rows[] = {
       // name, method, size, block size, damage, write errors, blocks not erased, files found
-      {"a PNG in the never-written trailing partial block", Method::zeros, kMiB + 1024, 4096,
+      {"a PNG in the never-written trailing partial block", zeros, kMiB + 1024, 4096,
        [](TestCard& card, FaultyDevice&) { card.memory.write(kMiB, samplePng()); }, 0, 0, 1},
-      {"writes past 512 KiB lost, a JPEG beyond", Method::random, kMiB, 512,
-       [](TestCard& card, FaultyDevice&) { card.keepsBelow = 512 * kKiB; card.memory.write(768 * kKiB, sampleJpeg()); },
-       0, 8 * kPerChunk, 1},
-      {"the fourth chunk's write fails", Method::random, kMiB, 512, [](TestCard&, FaultyDevice& d) { failAt(d, kWrites, 4); },
-       1, kPerChunk, 0},
-      {"one byte changed on reading back", Method::random, kMiB, 512, [](TestCard&, FaultyDevice& d) {
-         d.afterRead = [&d](auto, auto bytes) { if (d.reads == 6) bytes[4000] ^= 0x10; }; }, 0, kPerChunk, 0},
-      {"the third chunk can't be read back", Method::zeros, kMiB, 512, [](TestCard&, FaultyDevice& d) { failAt(d, kReads, 3); },
-       0, kPerChunk, 0},
+      {"writes past 512 KiB lost, a JPEG beyond", random, kMiB, 512, lostPastHalf, 0, 8 * kPerChunk,
+       1},
+      {"the fourth chunk's write fails", random, kMiB, 512, fail(kWrites, 4), 1, kPerChunk, 0},
+      {"one byte changed on reading back", random, kMiB, 512, flipOnRead, 0, kPerChunk, 0},
+      {"the third chunk can't be read back", zeros, kMiB, 512, fail(kReads, 3), 0, kPerChunk, 0},
   };
   // clang-format on
   // Files found are carved into a fresh owner-only scratch folder, removed whatever happens.
