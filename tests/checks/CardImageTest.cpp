@@ -23,16 +23,16 @@ TEST(CardImage, CopiesEveryByteAndLeavesNoPartialImageOnCancelOrError) {
   FaultyDevice faulty(device);
   std::vector<std::size_t> reads;
   faulty.beforeRead = [&](std::uint64_t, std::size_t length) { reads.push_back(length); };
-  ProgressLog log;
+  std::vector<CheckProgress> log;
   writeFile(path, std::string(size + 5000, 'x'));
-  CardImage{}.save(faulty, path, CancellationFlag{}, log.callback());
+  CardImage{}.save(faulty, path, {}, [&log](const CheckProgress& p) { log.push_back(p); });
   EXPECT_EQ(reads, (std::vector<std::size_t>{8'388'608, 1}));
   std::ifstream in(path, std::ios::binary);
   EXPECT_TRUE(Bytes(std::istreambuf_iterator<char>(in), {}) == content);
-  ASSERT_EQ(log.reports.size(), 2u);
-  EXPECT_EQ(std::tuple(log.reports[1].phase, log.reports[1].completed, log.reports[1].total,
-                       log.reports[1].bytesPerSecond.has_value()),
-            std::tuple(CheckProgress::Phase::reading, size, size, true));
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_EQ(
+      std::tuple(log[1].phase, log[1].completed, log[1].total, log[1].bytesPerSecond.has_value()),
+      std::tuple(CheckProgress::Phase::reading, size, size, true));
 
   MemorySource source(noise(3 * 4096, 3));
   CancellationFlag flag;

@@ -71,14 +71,6 @@ inline std::string errorText(const std::function<void()>& run) {
   return "no error";
 }
 
-// Records every progress report.
-struct ProgressLog {
-  std::vector<CheckProgress> reports;
-  ProgressCallback callback() {
-    return [this](const CheckProgress& progress) { reports.push_back(progress); };
-  }
-};
-
 // Arms a hook that runs act() when the counter reaches k (the read, write or
 // synchronize about to happen), with the offset of that transfer.
 inline void atStep(FaultyDevice& device, int FaultyDevice::*counter, int k,

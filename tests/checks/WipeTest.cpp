@@ -55,8 +55,7 @@ Bytes splitMixStream(std::uint64_t state, std::uint64_t length) {
 // the wipe drew (the first chunk starts from seed XOR 0).
 std::uint64_t seedOf(const Bytes& card) {
   std::uint64_t x = 0;
-  for (int b = 7; b >= 0; --b)
-    x = (x << 8) | card[static_cast<std::size_t>(b)];
+  std::memcpy(&x, card.data(), 8);  // little-endian hosts
   x = (x ^ (x >> 31) ^ (x >> 62)) * 0x3196'42B2'D24D'8EC3;
   x = (x ^ (x >> 27) ^ (x >> 54)) * 0x96DE'1B17'3F11'9089;
   return (x ^ (x >> 30) ^ (x >> 60)) - kGamma;
