@@ -30,7 +30,9 @@ class ReadContext {
     windowStart_ = start;
     window_ = window;
   }
-  void clearWindow() noexcept { setWindow(0, {}); }
+  // A temporary buffer would be gone before the window is read.
+  void setWindow(std::uint64_t start, Bytes&& window) = delete;
+  void clearWindow() noexcept { setWindow(0, std::span<const std::uint8_t>{}); }
 
   // Up to count bytes at offset (empty for count < 1 or offset >= size()).
   // Served from the window only when the whole clamped range lies inside it,

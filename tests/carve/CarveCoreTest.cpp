@@ -60,7 +60,8 @@ TEST(ReadContextTest, ReadsAreClampedAndWindowsServeOnlyWholeRanges) {
   EXPECT_EQ(context.u32(96, false), 0x63626160U);
   EXPECT_EQ(context.u64(0, true), 0x0001020304050607ULL);
 
-  context.setWindow(40, Bytes(20, 0xEE));  // differs from the source
+  const Bytes window(20, 0xEE);  // differs from the source; must outlive its use
+  context.setWindow(40, window);
   source.reads = 0;
   EXPECT_EQ(context.bytes(40, 20), Bytes(20, 0xEE));
   EXPECT_EQ(context.u32(56, true), 0xEEEEEEEEU);
