@@ -1,5 +1,6 @@
 #include "bytes/AlignedBuffer.h"
 
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -12,6 +13,7 @@ AlignedBuffer::AlignedBuffer(std::size_t size, std::size_t alignment)
   VL_PRECONDITION(alignment > 0 && (alignment & (alignment - 1)) == 0);
   if (size > 0) {
     data_ = static_cast<std::uint8_t*>(::operator new (size, std::align_val_t{alignment}));
+    std::memset(data_, 0, size);
   }
 }
 

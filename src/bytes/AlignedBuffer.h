@@ -7,7 +7,9 @@
 namespace vellum {
 
 // A heap buffer whose start is aligned for uncached (O_DIRECT) transfers.
-// Contents start uninitialised. Move-only.
+// Contents start zeroed: every page is touched up front, so the first timed
+// transfer into the buffer does not also pay for faulting its pages in.
+// Move-only.
 class AlignedBuffer {
  public:
   static constexpr std::size_t kPageAlignment = 4096;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
@@ -120,9 +121,11 @@ TEST(UniqueFd, ClosesOnDestructionAndMove) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST(AlignedBuffer, IsPageAligned) {
+TEST(AlignedBuffer, IsPageAlignedAndZeroed) {
   AlignedBuffer buffer(3 * 4096 + 17);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % 4096, 0u);
+  EXPECT_TRUE(
+      std::all_of(buffer.data(), buffer.data() + buffer.size(), [](auto b) { return b == 0; }));
   EXPECT_EQ(buffer.size(), 3u * 4096 + 17);
   AlignedBuffer moved = std::move(buffer);
   EXPECT_EQ(buffer.size(), 0u);
