@@ -1,6 +1,7 @@
 #include "checks/QuickCheck.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -9,6 +10,7 @@
 
 #include "bytes/AlignedBuffer.h"
 #include "bytes/Checked.h"
+#include "bytes/DeviceError.h"
 #include "checks/TestPattern.h"
 
 namespace vellum {
@@ -19,6 +21,9 @@ using Verdicts = std::map<std::uint64_t, TestPattern::Verdict>;
 
 constexpr std::uint64_t kSampleReadBytes = 4'194'304;
 constexpr std::uint64_t kProgressStep = 32;
+// Refinement stops once the boundary is known to 0.1% of the verified size,
+// or after this many rounds (each narrows the gap about 129-fold).
+constexpr int kMaxRefinementRounds = 6;
 
 std::optional<std::uint64_t> firstBad(const Verdicts& verdicts) {
   for (const auto& [index, verdict] : verdicts) {
@@ -33,6 +38,92 @@ std::optional<std::uint64_t> probedBelow(const Verdicts& verdicts, std::uint64_t
   if (it == verdicts.begin()) return std::nullopt;
   return std::prev(it)->first;
 }
+
+// A read that failed because the card itself is gone is not a property of the
+// medium: it ends the run instead of being counted.
+bool cardVanished(const DeviceError& error) {
+  const auto* failed = error.as<DeviceError::ReadFailed>();
+  return failed == nullptr || failed->errnum == ENODEV || failed->errnum == ENXIO ||
+         failed->errnum == ENOMEDIUM;
+}
+
+bool isPowerOfTwo(std::uint64_t value) {
+  return value != 0 && (value & (value - 1)) == 0;
+}
+
+// Counterfeit controllers decode only the low address bits: a unit p past the
+// real flash lands on p mod M for some power of two M (the real size, or the
+// next power of two above it), or is lost. A lost write reads back corrupt,
+// and a wrapped write that another probe overwrote reads back aliased, but a
+// wrapped write that landed on an unprobed unit reads back intact from its own
+// address; evenly spaced probes only collide when the claimed size is a
+// power-of-two multiple of the real one. So after each round's writes the
+// highest intact point is looked up at p mod m for every power of two m <= p:
+// on a genuine card its block exists only at p, on a wrapping card it is also
+// found at p mod M. One point cannot tell M from the other powers m for
+// which p mod m happens to equal p mod M; those remain candidates until a
+// point that is intact and not found at q mod m rules m out. Every intact
+// point at or above a candidate is then looked up at its aliases and, when
+// found there, counted as aliased: the card does not store it at its address.
+class WrapFinder {
+ public:
+  // Reads only; call while this round's test blocks are on the card.
+  void classify(ByteSource& device, std::uint64_t unit, const TestPattern& pattern,
+                const std::vector<std::uint64_t>& points, Verdicts& verdicts) {
+    if (!isPowerOfTwo(unit)) return;  // the address model needs power-of-two units
+    const auto holdsBlockOf = [&](std::uint64_t at, std::uint64_t point) {
+      try {
+        const Bytes back = device.read(checkedMul(at, unit), TestPattern::blockSize);
+        return pattern.verify(back, at) == TestPattern::Verdict{TestPattern::Aliased{point}};
+      } catch (const DeviceError&) {
+        return false;  // an unreadable alias proves nothing
+      }
+    };
+    if (candidates_.empty()) findCandidates(points, verdicts, holdsBlockOf);
+    for (const std::uint64_t p : points) {
+      if (candidates_.empty() || p < *candidates_.begin()) continue;
+      if (!isIntact(verdicts.at(p))) continue;
+      for (auto it = candidates_.begin(); it != candidates_.end() && *it <= p;) {
+        if (holdsBlockOf(p % *it, p)) {
+          verdicts.insert_or_assign(p, TestPattern::Aliased{p % *it});
+          break;
+        }
+        it = candidates_.erase(it);  // p is intact and stored elsewhere: not this modulus
+      }
+    }
+  }
+
+  // Powers of two (in units) that may be where the card wraps; empty until a
+  // wrapped point was found.
+  const std::set<std::uint64_t>& candidates() const { return candidates_; }
+
+ private:
+  template <class Lookup>
+  void findCandidates(const std::vector<std::uint64_t>& points, const Verdicts& verdicts,
+                      const Lookup& holdsBlockOf) {
+    const auto highest = std::find_if(points.rbegin(), points.rend(),
+                                      [&](std::uint64_t p) { return isIntact(verdicts.at(p)); });
+    if (highest == points.rend()) return;
+    const std::uint64_t p = *highest;
+    std::optional<std::uint64_t> smallest;
+    for (std::uint64_t m = 1; m <= p && m != 0; m <<= 1) {
+      if (holdsBlockOf(p % m, p)) {
+        smallest = m;
+        break;
+      }
+    }
+    if (!smallest) return;
+    // p's block sits at a = p mod M. Every M with p mod M = a divides p - a,
+    // so the candidates run from the smallest hit up to the largest power of
+    // two dividing p - a.
+    const std::uint64_t rest = p - p % *smallest;
+    const std::uint64_t largest = rest & (~rest + 1);
+    for (std::uint64_t m = *smallest; m <= largest && m != 0; m <<= 1)
+      candidates_.insert(m);
+  }
+
+  std::set<std::uint64_t> candidates_;
+};
 
 // Writes test blocks at a sorted list of unit indices, reads them back and
 // puts the original data back. Once the originals are saved, every later
@@ -53,21 +144,30 @@ class Probe {
       }
     };
 
-    // Save. Nothing has been written yet, so errors leave at once.
+    // Save. Nothing has been written yet, so errors leave at once. A point
+    // whose data cannot be read is not written (its data could not be put
+    // back) and counts as corrupt.
+    Verdicts verdicts;
     std::map<std::uint64_t, Bytes> originals;
+    std::vector<std::uint64_t> written;
     for (const std::uint64_t p : points) {
       cancel_.throwIfCancelled();
-      originals.emplace(p, device_.read(offsetOf(p), toSigned(unit_)));
+      try {
+        originals.emplace(p, device_.read(offsetOf(p), toSigned(unit_)));
+        written.push_back(p);
+      } catch (const DeviceError& error) {
+        if (cardVanished(error)) throw;
+        verdicts.insert_or_assign(p, TestPattern::Corrupt{});
+      }
       step();
     }
 
-    Verdicts verdicts;
     std::exception_ptr pending;
     try {
       Bytes block(static_cast<std::size_t>(unit_), 0);
       // Descending, so on a card that wraps the low (real) addresses are
       // written last and keep their own blocks.
-      for (auto it = points.rbegin(); it != points.rend(); ++it) {
+      for (auto it = written.rbegin(); it != written.rend(); ++it) {
         cancel_.throwIfCancelled();
         pattern_.fill(*it, std::span(block).first(TestPattern::blockSize));
         device_.write(offsetOf(*it), block);
@@ -75,11 +175,17 @@ class Probe {
       }
       device_.synchronize();
       // No cancellation check here: the restore follows anyway.
-      for (const std::uint64_t p : points) {
-        const Bytes back = device_.read(offsetOf(p), TestPattern::blockSize);
-        verdicts.insert_or_assign(p, pattern_.verify(back, p));
+      for (const std::uint64_t p : written) {
+        try {
+          const Bytes back = device_.read(offsetOf(p), TestPattern::blockSize);
+          verdicts.insert_or_assign(p, pattern_.verify(back, p));
+        } catch (const DeviceError& error) {
+          if (cardVanished(error)) throw;
+          verdicts.insert_or_assign(p, TestPattern::Corrupt{});
+        }
         step();
       }
+      wraps_.classify(device_, unit_, pattern_, written, verdicts);
     } catch (...) {
       pending = std::current_exception();
     }
@@ -88,6 +194,8 @@ class Probe {
     if (pending) std::rethrow_exception(pending);
     return verdicts;
   }
+
+  const std::set<std::uint64_t>& wrapCandidates() const { return wraps_.candidates(); }
 
  private:
   std::uint64_t offsetOf(std::uint64_t point) const { return checkedMul(point, unit_); }
@@ -111,6 +219,7 @@ class Probe {
   const TestPattern& pattern_;
   const CancellationFlag& cancel_;
   const ProgressCallback& progress_;
+  WrapFinder wraps_;
 };
 
 std::vector<std::uint64_t> firstPassPoints(std::int64_t points, std::uint64_t units) {
@@ -124,25 +233,40 @@ std::vector<std::uint64_t> firstPassPoints(std::int64_t points, std::uint64_t un
   return {chosen.begin(), chosen.end()};
 }
 
-// One round of extra points, evenly spread in the gap between the last good
-// and the first bad point.
-std::vector<std::uint64_t> gapPoints(const Verdicts& verdicts, std::int64_t count) {
+// Extra points evenly spread in the gap between the last good and the first
+// bad point, plus the units on either side of a possible wrap boundary. The
+// first round always runs; later ones only while the gap is wider than 0.1%
+// of what was verified, which matters when the real flash is tiny next to
+// the claimed size and the first gap alone would be far wider than it.
+std::vector<std::uint64_t> gapPoints(const Verdicts& verdicts, std::int64_t count, int round,
+                                     const std::set<std::uint64_t>& wrapCandidates) {
   const auto bad = firstBad(verdicts);
   if (!bad || *bad == 0) return {};
   const std::uint64_t good = probedBelow(verdicts, *bad).value_or(0);
   const std::uint64_t gap = *bad - good;
   if (gap < 2) return {};
+  if (round > 0 && (gap - 1) * 1000 <= good + 1) return {};
   VL_PRECONDITION(count >= 1);
   std::set<std::uint64_t> chosen;
   for (std::int64_t k = 1; k <= count; ++k) {
     const std::uint64_t p =
         good + static_cast<std::uint64_t>(static_cast<double>(k) / static_cast<double>(count + 1) *
                                           static_cast<double>(gap));
-    if (!verdicts.contains(p)) chosen.insert(p);
+    chosen.insert(p);
   }
-  return {chosen.begin(), chosen.end()};
+  for (const std::uint64_t m : wrapCandidates) {
+    chosen.insert(m);
+    chosen.insert(m - 1);
+  }
+  std::vector<std::uint64_t> fresh;
+  for (const std::uint64_t p : chosen) {
+    if (p > good && p < *bad && !verdicts.contains(p)) fresh.push_back(p);
+  }
+  return fresh;
 }
 
+// Reads from the start in 4 MiB pieces; a piece that cannot be read is
+// skipped, and the speed is that of the pieces that were read.
 double readSample(ByteSource& device, std::int64_t sampleBytes, const CancellationFlag& cancel,
                   const ProgressCallback& progress) {
   const std::uint64_t limit =
@@ -150,20 +274,31 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const Cancellati
   if (limit == 0) return 0;
   AlignedBuffer buffer(kSampleReadBytes);
   const double start = monotonicSeconds();
-  std::uint64_t done = 0;
-  while (done < limit) {
+  double failedSeconds = 0;
+  std::uint64_t offset = 0;
+  std::uint64_t readBytes = 0;
+  while (offset < limit) {
     cancel.throwIfCancelled();
-    const std::size_t n = device.readInto(done, buffer.span());
-    if (n == 0) break;
-    done += n;
+    const double before = monotonicSeconds();
+    std::size_t n = 0;
+    try {
+      n = device.readInto(offset, buffer.span());
+      if (n == 0) break;
+      readBytes += std::min<std::uint64_t>(n, limit - offset);
+    } catch (const DeviceError& error) {
+      if (cardVanished(error)) throw;
+      failedSeconds += monotonicSeconds() - before;
+      n = kSampleReadBytes;
+    }
+    offset += n;
     if (progress) {
-      const double elapsed = std::max(monotonicSeconds() - start, 0.001);
-      progress(CheckProgress{CheckProgress::Phase::reading, done, limit,
-                             static_cast<double>(done) / elapsed});
+      const double elapsed = std::max(monotonicSeconds() - start - failedSeconds, 0.001);
+      progress(CheckProgress{CheckProgress::Phase::reading, std::min(offset, limit), limit,
+                             static_cast<double>(readBytes) / elapsed});
     }
   }
-  const double elapsed = monotonicSeconds() - start;
-  return elapsed > 0 ? static_cast<double>(limit) / elapsed / 1e6 : 0;
+  const double elapsed = monotonicSeconds() - start - failedSeconds;
+  return elapsed > 0 ? static_cast<double>(readBytes) / elapsed / 1e6 : 0;
 }
 
 }  // namespace
@@ -179,8 +314,10 @@ QuickCheck::Result QuickCheck::run(BlockDevice& device, const CancellationFlag& 
   const TestPattern pattern(randomNonZeroSeed());
   Probe probe(device, unit, pattern, cancel, progress);
   Verdicts verdicts = probe.run(firstPassPoints(points, units));
-  const std::vector<std::uint64_t> extra = gapPoints(verdicts, refinementPoints);
-  if (!extra.empty()) {
+  for (int round = 0; round < kMaxRefinementRounds; ++round) {
+    const std::vector<std::uint64_t> extra =
+        gapPoints(verdicts, refinementPoints, round, probe.wrapCandidates());
+    if (extra.empty()) break;
     for (auto& [index, verdict] : probe.run(extra))
       verdicts.insert_or_assign(index, verdict);
   }

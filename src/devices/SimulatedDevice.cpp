@@ -1,6 +1,7 @@
 #include "devices/SimulatedDevice.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -24,6 +25,28 @@ std::string SimulatedDevice::descriptionForReport() const {
          ")";
 }
 
+SimulatedDevice::Location SimulatedDevice::locate(std::uint64_t pos) const {
+  const std::uint64_t toEnd = size_ - pos;
+  if (pos < realCapacity_) return {pos, std::min(toEnd, realCapacity_ - pos)};
+  switch (overflow_) {
+    case Overflow::discard:
+      return {std::nullopt, toEnd};
+    case Overflow::wrap: {
+      VL_PRECONDITION(realCapacity_ > 0);
+      const std::uint64_t physical = pos % realCapacity_;
+      return {physical, std::min(toEnd, realCapacity_ - physical)};
+    }
+    case Overflow::combined: {
+      VL_PRECONDITION(realCapacity_ > 0);
+      const std::uint64_t wrapAt = std::bit_ceil(realCapacity_);
+      const std::uint64_t physical = pos % wrapAt;
+      if (physical >= realCapacity_) return {std::nullopt, std::min(toEnd, wrapAt - physical)};
+      return {physical, std::min(toEnd, realCapacity_ - physical)};
+    }
+  }
+  VL_PRECONDITION(false);
+}
+
 // Walks the request in runs that stay within one address-decoding regime and
 // stop before the next unreadable block, so a healthy card is copied with a
 // few large memcpy calls rather than one per block.
@@ -43,14 +66,15 @@ std::size_t SimulatedDevice::readInto(std::uint64_t offset, std::span<std::uint8
       }
     }
     std::uint8_t* target = out.data() + collected;
-    if (overflow_ == Overflow::discard && pos >= realCapacity_) {
+    const Location where = locate(pos);
+    if (!where.physical) {
+      run = static_cast<std::size_t>(std::min<std::uint64_t>(run, where.length));
       std::memset(target, 0, run);
     } else {
-      VL_PRECONDITION(realCapacity_ > 0);
-      const std::uint64_t physical = pos % realCapacity_;
+      const std::uint64_t physical = *where.physical;
       // A piece never wraps inside one block: the rest of a block that
       // straddles the end of storage reads as zeros.
-      const std::uint64_t untilStorageEnd = realCapacity_ - physical;
+      const std::uint64_t untilStorageEnd = where.length;
       if (untilStorageEnd < run) {
         const std::uint64_t storageEnd = pos + untilStorageEnd;
         const std::uint64_t blockEnd = (storageEnd + block - 1) / block * block;
@@ -70,16 +94,12 @@ void SimulatedDevice::write(std::uint64_t offset, std::span<const std::uint8_t> 
   std::size_t written = 0;
   while (written < data.size()) {
     const std::uint64_t pos = offset + written;
-    std::uint64_t physical = pos;
-    if (overflow_ == Overflow::wrap) {
-      VL_PRECONDITION(realCapacity_ > 0);
-      physical = pos % realCapacity_;
-    } else if (pos >= realCapacity_) {
-      return;  // the card silently loses what lies past its real capacity
-    }
-    const auto n = static_cast<std::size_t>(
-        std::min<std::uint64_t>(realCapacity_ - physical, data.size() - written));
-    std::memcpy(storage_.data() + physical, data.data() + written, n);
+    const Location where = locate(pos);
+    // discard: the card silently loses what lies past its real capacity.
+    if (!where.physical && overflow_ == Overflow::discard) return;
+    const auto n =
+        static_cast<std::size_t>(std::min<std::uint64_t>(where.length, data.size() - written));
+    if (where.physical) std::memcpy(storage_.data() + *where.physical, data.data() + written, n);
     written += n;
   }
 }

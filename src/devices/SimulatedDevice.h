@@ -10,11 +10,13 @@ namespace vellum {
 
 // An in-memory card. It reports `size` bytes but really stores only
 // `realCapacity`; addresses at or past the real capacity wrap onto the start
-// (`wrap`) or are lost and read as zeros (`discard`), as counterfeit cards do.
+// (`wrap`), are lost and read as zeros (`discard`), or (`combined`) wrap at the
+// smallest power of two holding the real capacity and are lost where they land
+// between the real capacity and that power of two, as counterfeit cards do.
 // Blocks in unreadableBlocks() fail every read with EIO.
 class SimulatedDevice final : public BlockDevice {
  public:
-  enum class Overflow { wrap, discard };
+  enum class Overflow { wrap, discard, combined };
 
   // realCapacity defaults to size. Storage is one dense zero-filled buffer.
   SimulatedDevice(std::uint64_t size, std::optional<std::uint64_t> realCapacity, Overflow overflow,
@@ -38,6 +40,14 @@ class SimulatedDevice final : public BlockDevice {
   const Bytes& storage() const noexcept { return storage_; }
 
  private:
+  // Where a reported position is stored (none: lost), and how many bytes from
+  // there on map the same way.
+  struct Location {
+    std::optional<std::uint64_t> physical;
+    std::uint64_t length;
+  };
+  Location locate(std::uint64_t pos) const;
+
   std::uint64_t size_;
   Overflow overflow_;
   std::int64_t blockSize_;

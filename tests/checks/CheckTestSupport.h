@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -25,10 +24,11 @@ inline const std::string kStopped = "The test was stopped.";
 
 // Reproducible noise, so a restored card can be told from a zeroed one.
 inline Bytes noise(std::size_t count, std::uint32_t seed) {
-  std::mt19937_64 generator(seed);
   Bytes bytes(count);
+  std::uint64_t state = seed;
   for (std::size_t i = 0; i < count; i += 8) {
-    const std::uint64_t word = generator();
+    state = state * 6364136223846793005u + 1442695040888963407u;
+    const std::uint64_t word = state ^ (state >> 29);
     std::memcpy(bytes.data() + i, &word, std::min<std::size_t>(8, count - i));
   }
   return bytes;

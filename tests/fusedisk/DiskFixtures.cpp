@@ -84,6 +84,20 @@ void LoopDevice::updatePartitions() const {
   run({"partx", "--update", path_});
 }
 
+namespace {
+const char* overflowName(SimulatedDevice::Overflow overflow) {
+  switch (overflow) {
+    case SimulatedDevice::Overflow::wrap:
+      return "wrap";
+    case SimulatedDevice::Overflow::discard:
+      return "discard";
+    case SimulatedDevice::Overflow::combined:
+      return "combined";
+  }
+  return "wrap";
+}
+}  // namespace
+
 FuseDisk::FuseDisk(const Options& options) {
   const std::string mountPoint = folder_.file("mount");
   std::filesystem::create_directory(mountPoint);
@@ -94,7 +108,7 @@ FuseDisk::FuseDisk(const Options& options) {
                                 "--sector",
                                 std::to_string(options.sectorSize),
                                 "--overflow",
-                                options.wrap ? "wrap" : "discard"};
+                                overflowName(options.overflow)};
   if (options.realCapacity) {
     argv.insert(argv.end(), {"--real", std::to_string(*options.realCapacity)});
   }
@@ -107,6 +121,12 @@ FuseDisk::FuseDisk(const Options& options) {
   addRanges("--bad-write", options.unwritable);
   addRanges("--slow", options.slow);
   if (options.delayMs > 0) argv.insert(argv.end(), {"--delay-ms", std::to_string(options.delayMs)});
+  if (options.writeMBps > 0) {
+    argv.insert(argv.end(), {"--write-mbps", std::to_string(options.writeMBps)});
+  }
+  if (options.readMBps > 0) {
+    argv.insert(argv.end(), {"--read-mbps", std::to_string(options.readMBps)});
+  }
 
   const std::string log = folder_.file("server.log");
   UniqueFd logFd(::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));

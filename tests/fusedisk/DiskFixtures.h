@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "devices/SimulatedDevice.h"
 #include "support/TempDir.h"
 
 namespace vellum {
@@ -71,12 +72,15 @@ class FuseDisk {
   struct Options {
     std::uint64_t size = 0;
     std::optional<std::uint64_t> realCapacity = std::nullopt;
-    bool wrap = true;  // false: writes past the real capacity are dropped
+    // How addresses past the real capacity behave, as in SimulatedDevice.
+    SimulatedDevice::Overflow overflow = SimulatedDevice::Overflow::wrap;
     std::uint64_t sectorSize = 512;
     std::vector<Sectors> unreadable = {};
     std::vector<Sectors> unwritable = {};
     std::vector<Sectors> slow = {};
     int delayMs = 0;
+    int writeMBps = 0;  // 0: as fast as it goes
+    int readMBps = 0;
   };
 
   explicit FuseDisk(const Options& options);

@@ -1,15 +1,20 @@
 // vellum-fusedisk: serves one file, "disk", that behaves like a misbehaving
 // memory card, for tests to attach with losetup as a real block device.
 //
-//   vellum-fusedisk MOUNTPOINT --size BYTES [--real BYTES] [--overflow wrap|discard]
-//                   [--sector BYTES] [--bad FIRST[-LAST]]... [--bad-write FIRST[-LAST]]...
+//   vellum-fusedisk MOUNTPOINT --size BYTES [--real BYTES]
+//                   [--overflow wrap|discard|combined] [--sector BYTES]
+//                   [--bad FIRST[-LAST]]... [--bad-write FIRST[-LAST]]...
 //                   [--slow FIRST[-LAST]]... [--delay-ms N] [--backing FILE]
+//                   [--write-mbps N] [--read-mbps N]
 //
 // --size is the capacity the disk reports; only --real bytes (default: all of
 // them) exist. Past that, writes wrap around to the start (a counterfeit card
-// reusing its flash) or are dropped and read as zeros (discard). --bad sectors
+// reusing its flash), are dropped and read as zeros (discard), or (combined)
+// wrap at the smallest power of two holding the real size and are dropped
+// where they land between the real size and that power of two. --bad sectors
 // fail every read with EIO, --bad-write sectors fail writes; --slow sectors
 // answer after --delay-ms. Sectors count in --sector bytes (default 512).
+// --write-mbps and --read-mbps limit throughput (MB/s) like a real card.
 // Data lives in a sparse temporary file (or --backing FILE) of --real bytes.
 // Runs in the foreground until unmounted.
 
@@ -39,7 +44,9 @@ using Range = std::pair<std::uint64_t, std::uint64_t>;  // first and last sector
 struct Disk {
   std::uint64_t size = 0;
   std::uint64_t real = 0;
-  bool wrap = true;
+  enum class Overflow { wrap, discard, combined } overflow = Overflow::wrap;
+  double writeBytesPerSecond = 0;
+  double readBytesPerSecond = 0;
   std::uint64_t sector = 512;
   std::vector<Range> badReads;
   std::vector<Range> badWrites;
@@ -65,11 +72,52 @@ void maybeDelay(std::uint64_t offset, std::size_t length) {
   }
 }
 
-// Where a reported position really lives; absent when it does not (discard).
+// Holds each transfer until the disk's set throughput allows it, as a card's
+// controller would. One request at a time (the server is single-threaded).
+void throttle(std::size_t length, double bytesPerSecond) {
+  if (bytesPerSecond <= 0) return;
+  using Clock = std::chrono::steady_clock;
+  static Clock::time_point busyUntil = Clock::now();
+  const auto now = Clock::now();
+  busyUntil = std::max(busyUntil, now) +
+              std::chrono::duration_cast<Clock::duration>(
+                  std::chrono::duration<double>(static_cast<double>(length) / bytesPerSecond));
+  std::this_thread::sleep_until(busyUntil);
+}
+
+std::uint64_t wrapSize() {
+  std::uint64_t power = 1;
+  while (power < disk.real)
+    power <<= 1;
+  return power;
+}
+
+// Where a reported position really lives; absent when it is lost.
 std::optional<std::uint64_t> physical(std::uint64_t position) {
   if (position < disk.real) return position;
-  if (!disk.wrap || disk.real == 0) return std::nullopt;
-  return position % disk.real;
+  if (disk.real == 0) return std::nullopt;
+  switch (disk.overflow) {
+    case Disk::Overflow::wrap:
+      return position % disk.real;
+    case Disk::Overflow::discard:
+      return std::nullopt;
+    case Disk::Overflow::combined: {
+      const std::uint64_t where = position % wrapSize();
+      if (where < disk.real) return where;
+      return std::nullopt;
+    }
+  }
+  return std::nullopt;
+}
+
+// Bytes from position on that map the same way as position.
+std::uint64_t stretch(std::uint64_t position, std::optional<std::uint64_t> where) {
+  if (where) return disk.real - *where;
+  if (disk.overflow == Disk::Overflow::combined && disk.real != 0) {
+    const std::uint64_t power = wrapSize();
+    return std::min(power - position % power, disk.size - position);
+  }
+  return disk.size - position;
 }
 
 // Splits [offset, offset + length) into pieces that stay within one stretch
@@ -81,12 +129,8 @@ int walk(std::uint64_t offset, std::size_t length, Visit visit) {
   while (done < length) {
     const std::uint64_t position = offset + done;
     const std::optional<std::uint64_t> where = physical(position);
-    std::size_t piece = length - done;
-    if (where) {
-      piece = static_cast<std::size_t>(std::min<std::uint64_t>(piece, disk.real - *where));
-    } else {
-      piece = static_cast<std::size_t>(std::min<std::uint64_t>(piece, disk.size - position));
-    }
+    const std::size_t piece =
+        static_cast<std::size_t>(std::min<std::uint64_t>(length - done, stretch(position, where)));
     if (const int error = visit(done, where, piece); error != 0) return error;
     done += piece;
   }
@@ -130,6 +174,7 @@ int readOp(const char*, char* out, std::size_t length, off_t start, fuse_file_in
   if (offset >= disk.size) return 0;
   length = static_cast<std::size_t>(std::min<std::uint64_t>(length, disk.size - offset));
   maybeDelay(offset, length);
+  throttle(length, disk.readBytesPerSecond);
   if (touches(disk.badReads, offset, length)) return -EIO;
   const int error = walk(
       offset, length, [&](std::size_t at, std::optional<std::uint64_t> where, std::size_t piece) {
@@ -159,6 +204,7 @@ int writeOp(const char*, const char* in, std::size_t length, off_t start, fuse_f
   if (offset >= disk.size) return -ENOSPC;
   length = static_cast<std::size_t>(std::min<std::uint64_t>(length, disk.size - offset));
   maybeDelay(offset, length);
+  throttle(length, disk.writeBytesPerSecond);
   if (touches(disk.badWrites, offset, length)) return -EIO;
   const int error = walk(
       offset, length, [&](std::size_t at, std::optional<std::uint64_t> where, std::size_t piece) {
@@ -204,9 +250,9 @@ std::optional<Range> range(std::string_view text) {
 int usage() {
   std::fprintf(stderr,
                "usage: vellum-fusedisk MOUNTPOINT --size BYTES [--real BYTES] "
-               "[--overflow wrap|discard] [--sector BYTES] [--bad FIRST[-LAST]]... "
+               "[--overflow wrap|discard|combined] [--sector BYTES] [--bad FIRST[-LAST]]... "
                "[--bad-write FIRST[-LAST]]... [--slow FIRST[-LAST]]... [--delay-ms N] "
-               "[--backing FILE]\n");
+               "[--backing FILE] [--write-mbps N] [--read-mbps N]\n");
   return 2;
 }
 
@@ -226,8 +272,15 @@ int main(int argc, char** argv) {
     } else if (option == "--real") {
       real = number(value);
       if (!real) return usage();
-    } else if (option == "--overflow" && (value == "wrap" || value == "discard")) {
-      disk.wrap = value == "wrap";
+    } else if (option == "--overflow" && value == "wrap") {
+      disk.overflow = Disk::Overflow::wrap;
+    } else if (option == "--overflow" && value == "discard") {
+      disk.overflow = Disk::Overflow::discard;
+    } else if (option == "--overflow" && value == "combined") {
+      disk.overflow = Disk::Overflow::combined;
+    } else if (option == "--write-mbps" || option == "--read-mbps") {
+      const double rate = static_cast<double>(number(value).value_or(0)) * 1e6;
+      (option == "--write-mbps" ? disk.writeBytesPerSecond : disk.readBytesPerSecond) = rate;
     } else if (option == "--sector") {
       disk.sector = number(value).value_or(0);
     } else if (option == "--bad" || option == "--bad-write" || option == "--slow") {

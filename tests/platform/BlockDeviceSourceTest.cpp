@@ -137,7 +137,10 @@ TEST(FuseDisk, BehavesLikeACounterfeitCardThatWrapsOrDropsWritesAndFailsChosenSe
   VL_REQUIRE_FUSE_DISKS();
   const Bytes first(4096, 0x11), beyond(4096, 0x22);
   for (const bool wrap : {true, false}) {
-    const FuseCard card({.size = 64 * kMiB, .realCapacity = 16 * kMiB, .wrap = wrap});
+    const FuseCard card(
+        {.size = 64 * kMiB,
+         .realCapacity = 16 * kMiB,
+         .overflow = wrap ? SimulatedDevice::Overflow::wrap : SimulatedDevice::Overflow::discard});
     FileDescriptorDevice& device = *card.device;
     EXPECT_EQ(device.size(), 64 * kMiB);  // the claimed capacity
     device.write(4096, first);

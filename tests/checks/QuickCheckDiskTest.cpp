@@ -1,0 +1,78 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <cstdint>
+#include <string>
+
+#include "DiskFixtures.h"
+#include "checks/QuickCheck.h"
+#include "devices/FileDescriptorDevice.h"
+
+// The Quick Check on real block devices: loop devices over FUSE disks that
+// behave like counterfeit cards, in the geometries sellers use.
+
+namespace vellum {
+namespace {
+
+using testing::FuseDisk;
+using testing::LoopDevice;
+using Overflow = SimulatedDevice::Overflow;
+using Verdict = QuickCheck::Result::Verdict;
+constexpr std::uint64_t MiB = 1 << 20, GiB = 1 << 30, GB = 1'000'000'000;
+
+QuickCheck::Result quickCheck(const FuseDisk::Options& options) {
+  const FuseDisk disk(options);
+  const LoopDevice loop(disk.file(), {.directIo = true});
+  UniqueFd fd(::open(loop.path().c_str(), O_RDWR | O_CLOEXEC));
+  EXPECT_TRUE(fd.valid()) << loop.path();
+  std::uint64_t size = 0;
+  EXPECT_EQ(::ioctl(fd.get(), BLKGETSIZE64, &size), 0);
+  FileDescriptorDevice device(std::move(fd), loop.path(), size, 512);
+  // The first units hold data that must survive the check.
+  const Bytes data = [] {
+    Bytes bytes(MiB);
+    for (std::size_t i = 0; i < bytes.size(); ++i)
+      bytes[i] = static_cast<std::uint8_t>(i * 7 + 1);
+    return bytes;
+  }();
+  device.write(0, data);
+  QuickCheck check;
+  check.readSampleBytes = 8 * MiB;
+  const QuickCheck::Result result = check.run(device, CancellationFlag{});
+  EXPECT_EQ(device.read(0, MiB), data) << "data not restored";
+  return result;
+}
+
+TEST(QuickCheckOnDisks, CatchesEveryCounterfeitGeometryAndMeasuresItsRealCapacity) {
+  VL_REQUIRE_FUSE_DISKS();
+  const std::tuple<std::uint64_t, std::uint64_t, Overflow> fakes[] = {
+      // claimed, really stored, what happens past it
+      {3 * GiB, 1 * GiB, Overflow::wrap},          {12 * GiB, 1 * GiB, Overflow::wrap},
+      {1500 * GiB, 1 * GiB, Overflow::wrap},       {64 * GB, 4 * GiB, Overflow::wrap},
+      {1000 * GB, 8 * GiB, Overflow::wrap},        {2000 * GB, 32 * GiB, Overflow::wrap},
+      {128 * GB, 64 * GiB, Overflow::wrap},        {1 * GB, 16 * MiB, Overflow::wrap},
+      {2000 * GB, 16 * MiB, Overflow::wrap},       {32 * GB, 7'500'000'000, Overflow::discard},
+      {1 * GB, 500'000'000, Overflow::discard},    {2000 * GB, 100 * MiB, Overflow::discard},
+      {16 * GB, 3 * GiB, Overflow::combined},      {256 * GB, 48 * GiB, Overflow::combined},
+      {2000 * GB, 6000 * MiB, Overflow::combined}, {1 * GB, 20 * MiB, Overflow::combined},
+  };
+  for (const auto& [claimed, real, overflow] : fakes) {
+    const auto r = quickCheck({.size = claimed, .realCapacity = real, .overflow = overflow});
+    const auto name = std::to_string(claimed) + " over " + std::to_string(real);
+    EXPECT_EQ(r.verdict, Verdict::counterfeit) << name;
+    EXPECT_LE(r.verifiedBytes, real) << name;
+    EXPECT_GE(r.verifiedBytes, real - real / 1000) << name;
+  }
+  for (const std::uint64_t size : {std::uint64_t{7'948'206'080}, std::uint64_t{1'000'204'886'016},
+                                   std::uint64_t{31'914'983'424}}) {
+    const auto r = quickCheck({.size = size});
+    EXPECT_EQ(std::tuple(r.verdict, r.verifiedBytes, r.pointsIntact),
+              std::tuple(Verdict::genuine, size / 4096 * 4096, r.pointsTested))
+        << size;
+  }
+}
+
+}  // namespace
+}  // namespace vellum
