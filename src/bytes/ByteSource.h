@@ -28,6 +28,10 @@ class ByteSource {
   // The hot paths use this to read into buffers they reuse.
   virtual std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) = 0;
 
+  // Makes the next read of the range reach the medium rather than a cache
+  // (for timing a read again). Sources without a cache do nothing.
+  virtual void dropCache(std::uint64_t /*offset*/, std::size_t /*length*/) {}
+
   // Reads into a new buffer. A negative count is a programming fault.
   Bytes read(std::uint64_t offset, std::int64_t count);
 

@@ -29,4 +29,9 @@ std::size_t FileSource::readInto(std::uint64_t offset, std::span<std::uint8_t> o
   return result.done;
 }
 
+void FileSource::dropCache(std::uint64_t offset, std::size_t length) {
+  ::posix_fadvise(fd_.get(), static_cast<off_t>(offset), static_cast<off_t>(length),
+                  POSIX_FADV_DONTNEED);
+}
+
 }  // namespace vellum

@@ -17,6 +17,7 @@ class FileSource final : public ByteSource {
   std::int64_t badReads() const override { return badReads_; }
   std::string descriptionForReport() const override { return path_; }
   std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override;
+  void dropCache(std::uint64_t offset, std::size_t length) override;
 
   const std::string& path() const noexcept { return path_; }
   int fd() const noexcept { return fd_.get(); }

@@ -111,11 +111,31 @@ HealthScan::Result HealthScan::run(ByteSource& source, std::int64_t sectorSize,
   std::sort(sorted.begin(), sorted.end());
   const double median = sorted.empty() ? 0 : sorted[sorted.size() / 2];
 
+  // A chunk that read slowly is read once more (past any cache) and is a
+  // slow area only when that read is slow too: on a busy machine a
+  // millisecond's scheduling hiccup makes a fast chunk look slow.
   std::vector<Region> slow;
   if (median > 0) {
-    for (const Sample& sample : samples) {
-      if (sample.mbps < slowThreshold * median)
-        slow.push_back(Region{sample.offset, sample.length});
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+      Sample& sample = samples[i];
+      if (sample.mbps >= slowThreshold * median) continue;
+      cancel.throwIfCancelled();
+      const auto n = static_cast<std::size_t>(sample.length);
+      source.dropCache(sample.offset, n);
+      const double before = secondsNow(clock);
+      try {
+        const std::int64_t badBefore = source.badReads();
+        source.readInto(sample.offset, buffer.span().first(n));
+        const double elapsed = secondsNow(clock) - before;
+        const double again = elapsed > 0 ? static_cast<double>(n) / elapsed / 1e6 : 0;
+        if (source.badReads() == badBefore && again >= slowThreshold * median) {
+          sample.mbps = again;
+          speeds[i] = again;
+          continue;
+        }
+      } catch (const DeviceError&) {
+      }
+      slow.push_back(Region{sample.offset, sample.length});
     }
   }
 

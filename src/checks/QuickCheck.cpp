@@ -11,6 +11,7 @@
 #include "bytes/AlignedBuffer.h"
 #include "bytes/Checked.h"
 #include "bytes/DeviceError.h"
+#include "bytes/ZeroFillingSource.h"
 #include "checks/TestPattern.h"
 
 namespace vellum {
@@ -43,8 +44,7 @@ std::optional<std::uint64_t> probedBelow(const Verdicts& verdicts, std::uint64_t
 // medium: it ends the run instead of being counted.
 bool cardVanished(const DeviceError& error) {
   const auto* failed = error.as<DeviceError::ReadFailed>();
-  return failed == nullptr || failed->errnum == ENODEV || failed->errnum == ENXIO ||
-         failed->errnum == ENOMEDIUM;
+  return failed == nullptr || deviceIsGone(failed->errnum);
 }
 
 bool isPowerOfTwo(std::uint64_t value) {

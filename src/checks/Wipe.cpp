@@ -7,16 +7,19 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <system_error>
 #include <vector>
 
 #include "bytes/AlignedBuffer.h"
 #include "bytes/Checked.h"
 #include "bytes/DeviceError.h"
+#include "bytes/ZeroFillingSource.h"
 #include "carve/CarveEngine.h"
 #include "devices/WriteError.h"
 
@@ -84,14 +87,14 @@ std::string randomUuidText() {
 // when the owner goes away (a failure to remove it is ignored).
 class ScratchFolder {
  public:
-  ScratchFolder()
-      : path_(std::filesystem::temp_directory_path() / ("vellum-wipe-verify-" + randomUuidText())) {
+  ScratchFolder() {
+    std::error_code error;
+    const std::filesystem::path temp = std::filesystem::temp_directory_path(error);
+    if (error) refuse(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "/tmp", error.value());
+    path_ = temp / ("vellum-wipe-verify-" + randomUuidText());
     // Owner-only: files carved from a card that was not erased hold the
     // user's data.
-    if (::mkdir(path_.c_str(), 0700) != 0) {
-      throw std::filesystem::filesystem_error("cannot create folder", path_,
-                                              std::error_code(errno, std::generic_category()));
-    }
+    if (::mkdir(path_.c_str(), 0700) != 0) refuse(path_, errno);
   }
   ~ScratchFolder() {
     std::error_code ignored;
@@ -103,6 +106,13 @@ class ScratchFolder {
   const std::filesystem::path& path() const noexcept { return path_; }
 
  private:
+  [[noreturn]] static void refuse(const std::filesystem::path& path, int errnum) {
+    throw WriteError::refused("Couldn't create the folder " + path.string() +
+                              " for the search for recoverable files (" + errnoText(errnum) +
+                              "). Nothing was erased. Point TMPDIR at a folder you can write to "
+                              "and try again.");
+  }
+
   std::filesystem::path path_;
 };
 
@@ -136,9 +146,10 @@ class CancellableSource final : public ByteSource {
   CarveEngine* engine_ = nullptr;
 };
 
-std::int64_t countFilesLeft(BlockDevice& device, const CancellationFlag& cancel,
-                            const ProgressCallback& progress) {
-  const ScratchFolder folder;
+// The engine reads the card through a source that reads unreadable sectors
+// as zeros and counts them, so a failing card still gets its verdict.
+std::int64_t countFilesLeft(ByteSource& device, const ScratchFolder& folder,
+                            const CancellationFlag& cancel, const ProgressCallback& progress) {
   CancellableSource source(device, cancel);
   CarveEngine::Config config;
   config.enabledCategories =
@@ -184,6 +195,9 @@ Wipe::Result Wipe::run(BlockDevice& device, const CancellationFlag& cancel,
   const std::uint64_t seed = randomNonZeroSeed();
   const std::uint64_t chunk = std::max<std::uint64_t>(1, toUnsigned(chunkBytes) / block) * block;
   const auto chunkAt = [&](std::uint64_t offset) { return std::min(wiped - offset, chunk); };
+  // Made before anything is overwritten, so a folder that can't be made
+  // costs the user nothing.
+  const ScratchFolder folder;
 
   // One buffer for what is written and one for what is read back, reused for
   // every chunk. The zeros are made once.
@@ -192,6 +206,7 @@ Wipe::Result Wipe::run(BlockDevice& device, const CancellationFlag& cancel,
   AlignedBuffer readBack(bufferBytes);
   if (method == Method::zeros) fill(method, 0, seed, data.span());
 
+  std::set<std::uint64_t> countedChunks;
   std::vector<double> samples;
   samples.reserve(static_cast<std::size_t>(wiped / chunk + 1));
   for (std::uint64_t offset = 0; offset < wiped; offset += chunk) {
@@ -223,16 +238,27 @@ Wipe::Result Wipe::run(BlockDevice& device, const CancellationFlag& cancel,
     try {
       const std::size_t got = device.readInto(offset, readBack.span().first(n));
       same = got == n && std::memcmp(readBack.data(), expected.data(), n) == 0;
-    } catch (const DeviceError&) {
+    } catch (const DeviceError& error) {
+      const auto* failed = error.as<DeviceError::ReadFailed>();
+      if (failed == nullptr || deviceIsGone(failed->errnum)) throw;
     }
     // The whole chunk counts: the pass does not look for the blocks within it.
-    if (!same) result.blocksNotErased = checkedAdd(result.blocksNotErased, n / block);
+    if (!same) {
+      result.blocksNotErased = checkedAdd(result.blocksNotErased, n / block);
+      countedChunks.insert(offset / chunk);
+    }
     if (progress) {
       progress(CheckProgress{CheckProgress::Phase::verifying, offset + n, wiped, std::nullopt});
     }
   }
 
-  result.recoverableFilesFound = countFilesLeft(device, cancel, progress);
+  // Sectors that fail only during the search count as not erased too, unless
+  // the verify pass already counted their chunk.
+  ZeroFillingSource salvaging(device, block);
+  salvaging.onUnreadable = [&](std::uint64_t sector) {
+    if (!countedChunks.contains(sector / chunk)) ++result.blocksNotErased;
+  };
+  result.recoverableFilesFound = countFilesLeft(salvaging, folder, cancel, progress);
 
   result.write = SpeedSummary(samples);
   result.bytesOverwritten = wiped;

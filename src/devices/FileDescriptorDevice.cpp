@@ -165,4 +165,9 @@ void FileDescriptorDevice::synchronize() {
   if (!isDirect()) ::posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_DONTNEED);
 }
 
+void FileDescriptorDevice::dropCache(std::uint64_t offset, std::size_t length) {
+  ::posix_fadvise(fd_.get(), static_cast<off_t>(offset), static_cast<off_t>(length),
+                  POSIX_FADV_DONTNEED);
+}
+
 }  // namespace vellum

@@ -30,6 +30,7 @@ class FileDescriptorDevice final : public BlockDevice {
   std::int64_t badReads() const override { return badReads_; }
   std::string descriptionForReport() const override { return path_; }
   std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override;
+  void dropCache(std::uint64_t offset, std::size_t length) override;
 
   std::int64_t blockSize() const override { return blockSize_; }
   void write(std::uint64_t offset, std::span<const std::uint8_t> data) override;

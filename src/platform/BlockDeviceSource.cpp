@@ -128,4 +128,9 @@ void BlockDeviceSource::readSectors(std::uint64_t start, std::span<std::uint8_t>
   }
 }
 
+void BlockDeviceSource::dropCache(std::uint64_t offset, std::size_t length) {
+  ::posix_fadvise(fd_.get(), static_cast<off_t>(offset), static_cast<off_t>(length),
+                  POSIX_FADV_DONTNEED);
+}
+
 }  // namespace vellum

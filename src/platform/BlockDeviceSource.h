@@ -27,6 +27,7 @@ class BlockDeviceSource final : public ByteSource {
   std::string descriptionForReport() const override { return path_; }
   // Never throws for I/O errors.
   std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override;
+  void dropCache(std::uint64_t offset, std::size_t length) override;
 
   std::int64_t blockSize() const noexcept { return blockSize_; }
   const std::string& path() const noexcept { return path_; }

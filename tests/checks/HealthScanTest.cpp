@@ -69,12 +69,14 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
   // clang-format off
   const std::tuple<std::map<std::uint64_t, double>, std::set<std::uint64_t>, Verdict,
                    std::vector<Region>> cases[] = {
-      // MB/s by chunk number (20 otherwise), unreadable 500-byte blocks: verdict, slow regions
+      // MB/s by chunk number (20 otherwise; negative: only the first read is that slow),
+      // unreadable 500-byte blocks: verdict, slow regions
       // Median of 20, 20, 20, 3 is index 2 of the sorted four: 20; 3 < 4.
       {{{3, 3}}, {}, Verdict::slowAreas, {{3 * chunk, chunk}}},
       {{{3, 4.01}}, {}, Verdict::healthy, {}},  // just above the threshold
       {{{4, 1}, {5, 2}, {6, 3.9}}, {}, Verdict::slowAreas, {{4 * chunk, 3 * chunk}}},  // merged
       {{{1, 1}}, {5000}, Verdict::unreadableAreas, {{chunk, chunk}}},  // unreadable wins
+      {{{2, -0.5}, {5, 1}}, {}, Verdict::slowAreas, {{5 * chunk, chunk}}},  // a hiccup is not slow
   };
   // clang-format on
   for (const auto& [speeds, unreadable, verdict, slow] : cases) {
@@ -82,9 +84,13 @@ TEST(HealthScan, ChunksFarBelowTheMedianSpeedAreSlow) {
     device.unreadableBlocks() = unreadable;
     FaultyDevice faulty(device);
     double now = 1000;
-    faulty.beforeRead = [&now, &speeds](std::uint64_t offset, std::size_t length) {
+    std::set<std::uint64_t> readBefore;
+    faulty.beforeRead = [&](std::uint64_t offset, std::size_t length) {
       const auto it = speeds.find(offset / chunk);
-      now += static_cast<double>(length) / ((it == speeds.end() ? 20 : it->second) * 1e6);
+      double mbps = it == speeds.end() ? 20 : it->second;
+      if (mbps < 0) mbps = readBefore.contains(offset) ? 20 : -mbps;
+      readBefore.insert(offset);
+      now += static_cast<double>(length) / (mbps * 1e6);
     };
     const HealthScan::Result result =
         HealthScan{.chunkBytes = chunk, .clock = [&now] { return now; }}.run(faulty, 500,

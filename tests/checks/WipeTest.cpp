@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
@@ -133,6 +135,17 @@ TEST(WipeTest, AnythingLeftBehindMakesTheWipeIncomplete) {
       {"the fourth chunk's write fails", random, kMiB, 512, fail(kWrites, 4), 1, kPerChunk, 0},
       {"one byte changed on reading back", random, kMiB, 512, flipOnRead, 0, kPerChunk, 0},
       {"the third chunk can't be read back", zeros, kMiB, 512, fail(kReads, 3), 0, kPerChunk, 0},
+      // The search reads unreadable sectors as zeros; its chunk already counts.
+      {"an unreadable sector", zeros, kMiB, 512,
+       [](TestCard& card, FaultyDevice&) { card.memory.unreadableBlocks().insert(300'000); }, 0,
+       kPerChunk, 0},
+      {"a sector that fails only during the search", zeros, kMiB, 512,
+       [](TestCard&, FaultyDevice& d) {
+         d.beforeRead = [&d](std::uint64_t offset, std::size_t length) {
+           if (d.reads >= 16 && offset <= 300'000 && 300'000 < offset + length)
+             throw DeviceError::readFailed(offset, EIO);
+         };
+       }, 0, 1, 0},
   };
   // clang-format on
   // Files found are carved into a fresh owner-only scratch folder, removed whatever happens.
@@ -163,11 +176,16 @@ TEST(WipeTest, AnythingLeftBehindMakesTheWipeIncomplete) {
     EXPECT_TRUE(std::regex_match(*folders.insert(during[0].filename()).first, folderName));
   }
   EXPECT_EQ(folders.size(), 2u);
-  TestCard failing(kMiB, 512);  // a read error while looking for files ends the run
-  failing.memory.unreadableBlocks().insert(300'000);
-  EXPECT_EQ(errorText([&] { wipeWith(Method::zeros, kChunk).run(failing, {}); }),
-            DeviceError::readFailed(300'000, EIO).description());
-  EXPECT_TRUE(temp.entries().empty());
+  // The scratch folder is made before anything is overwritten.
+  for (const char* folder : {"/nonexistent/folder", "/proc/self"}) {
+    ::setenv("TMPDIR", folder, 1);
+    TestCard card(kMiB, 512);
+    card.memory.write(0, Bytes(512, 7));
+    EXPECT_THAT(errorText([&] { wipeWith(Method::zeros, kChunk).run(card, {}); }),
+                ::testing::AllOf(::testing::HasSubstr(folder),
+                                 ::testing::HasSubstr("Nothing was erased.")));
+    EXPECT_EQ(part(card.memory.storage(), 0, 512), Bytes(512, 7));
+  }
 }
 
 TEST(WipeTest, CancelStopsEveryPassAndRemovesTheScratchFolder) {

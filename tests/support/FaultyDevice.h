@@ -33,6 +33,9 @@ class FaultyDevice final : public BlockDevice {
   std::int64_t badReads() const override { return inner_.badReads(); }
   std::string descriptionForReport() const override { return inner_.descriptionForReport(); }
   std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override;
+  void dropCache(std::uint64_t offset, std::size_t length) override {
+    inner_.dropCache(offset, length);
+  }
   std::int64_t blockSize() const override { return inner_.blockSize(); }
   void write(std::uint64_t offset, std::span<const std::uint8_t> data) override;
   void synchronize() override;
