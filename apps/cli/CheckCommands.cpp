@@ -60,7 +60,7 @@ void printOutcome(const Result& result, const std::optional<Card>& card, bool js
     throw WriteError::refused(target + ": " + error.description() +
                               ". The card may be failing; a Health Scan shows which areas.");
   } catch (const WriteError& error) {
-    if (error.is<WriteError::Refused>()) throw;
+    if (error.is<WriteError::Refused>() || error.is<WriteError::Removed>()) throw;
     throw WriteError::refused(target + ": " + error.description() +
                               ". The card may be failing or write-protected.");
   }

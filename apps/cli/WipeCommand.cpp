@@ -38,7 +38,7 @@ Wipe::Method chosenMethod(const std::optional<std::string>& given) {
     throw WriteError::refused(target.argument + ": " + error.description() + ". The " + noun +
                               " may be failing; a Health Scan shows which areas.");
   } catch (const WriteError& error) {
-    if (error.is<WriteError::Refused>()) throw;
+    if (error.is<WriteError::Refused>() || error.is<WriteError::Removed>()) throw;
     throw WriteError::refused(target.argument + ": " + error.description() + ". The " + noun +
                               " may be failing or write-protected.");
   } catch (const CarveError& error) {

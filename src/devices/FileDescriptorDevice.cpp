@@ -4,6 +4,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -86,7 +87,7 @@ std::size_t FileDescriptorDevice::readInto(std::uint64_t offset, std::span<std::
   out = out.first(want);
   if (isDirect() && !isAligned(offset, want, out.data())) return readThroughBounce(offset, out);
   const TransferResult result = preadFully(fd_.get(), offset, out);
-  if (result.errnum != 0) throw DeviceError::readFailed(offset + result.done, result.errnum);
+  if (result.errnum != 0) throw readFailure(offset + result.done, offset + want, result.errnum);
   return result.done;
 }
 
@@ -103,7 +104,7 @@ std::size_t FileDescriptorDevice::readThroughBounce(std::uint64_t offset,
         static_cast<std::size_t>(roundUp(skip + out.size() - copied, directAlignment_)));
     const TransferResult result = preadFully(fd_.get(), start, buffer.span().first(length));
     if (result.errnum != 0) {
-      throw DeviceError::readFailed(std::max(position, start + result.done), result.errnum);
+      throw readFailure(std::max(position, start + result.done), start + length, result.errnum);
     }
     if (result.done <= skip) break;  // end of file
     const std::size_t n = std::min(result.done - skip, out.size() - copied);
@@ -119,7 +120,10 @@ void FileDescriptorDevice::write(std::uint64_t offset, std::span<const std::uint
   if (data.empty()) return;
   if (!isDirect() || isAligned(offset, data.size(), data.data())) {
     const TransferResult result = pwriteFully(fd_.get(), offset, data);
-    if (result.errnum != 0) throw WriteError::writeFailed(offset + result.done, result.errnum);
+    if (result.errnum != 0) {
+      if (isGone(result.errnum)) throw WriteError::removed(path_);
+      throw WriteError::writeFailed(offset + result.done, result.errnum);
+    }
   } else if (offset % directAlignment_ == 0 && data.size() % directAlignment_ == 0) {
     writeThroughBounce(offset, data);
   } else {
@@ -156,10 +160,39 @@ void FileDescriptorDevice::writeCached(std::uint64_t offset, std::span<const std
   if (restoreError != 0) throw WriteError::writeFailed(offset, restoreError);
 }
 
+bool FileDescriptorDevice::isGone(int errnum) const {
+  if (errnum == ENODEV || errnum == ENXIO || errnum == ENOMEDIUM) return true;
+  // A pulled USB card mostly fails with EIO; its sysfs entry is gone by then.
+  struct stat status {};
+  if (::fstat(fd_.get(), &status) != 0 || !S_ISBLK(status.st_mode)) return false;
+  const std::string entry = "/sys/dev/block/" + std::to_string(major(status.st_rdev)) + ":" +
+                            std::to_string(minor(status.st_rdev));
+  return ::access(entry.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
+DeviceError FileDescriptorDevice::readFailure(std::uint64_t from, std::uint64_t end,
+                                              int errnum) const {
+  if (isGone(errnum)) return DeviceError::readFailed(from, ENODEV);
+  // A failed multi-sector read names the first sector that fails on its own,
+  // not the start of the request.
+  const std::uint64_t sector =
+      std::max<std::uint64_t>(static_cast<std::uint64_t>(blockSize_), directAlignment_);
+  AlignedBuffer one(static_cast<std::size_t>(sector));
+  for (std::uint64_t position = roundDown(from, sector); position < std::min(end, size_);
+       position += sector) {
+    const auto length = static_cast<std::size_t>(std::min(sector, size_ - position));
+    const TransferResult piece = preadFully(fd_.get(), position, one.span().first(length));
+    if (piece.errnum != 0) return DeviceError::readFailed(std::max(position, from), piece.errnum);
+  }
+  return DeviceError::readFailed(from, errnum);
+}
+
 void FileDescriptorDevice::synchronize() {
   // On a block device fsync also sends a cache flush to the device itself.
   if (::fsync(fd_.get()) != 0 && ::fdatasync(fd_.get()) != 0) {
-    throw WriteError::writeFailed(0, errno);
+    const int errnum = errno;
+    if (isGone(errnum)) throw WriteError::removed(path_);
+    throw WriteError::writeFailed(0, errnum);
   }
   // Cached descriptors drop what they cached so the next read reaches the medium.
   if (!isDirect()) ::posix_fadvise(fd_.get(), 0, 0, POSIX_FADV_DONTNEED);

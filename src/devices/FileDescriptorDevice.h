@@ -4,6 +4,7 @@
 #include <string>
 
 #include "bytes/AlignedBuffer.h"
+#include "bytes/DeviceError.h"
 #include "bytes/UniqueFd.h"
 #include "devices/BlockDevice.h"
 
@@ -47,6 +48,11 @@ class FileDescriptorDevice final : public BlockDevice {
   void writeThroughBounce(std::uint64_t offset, std::span<const std::uint8_t> data);
   void writeCached(std::uint64_t offset, std::span<const std::uint8_t> data);
   AlignedBuffer& bounce();
+  // Whether a failed transfer's errno means the device itself went away.
+  bool isGone(int errnum) const;
+  // The error for a read that failed at from, naming the first failing
+  // sector before end (errno ENODEV when the device went away).
+  DeviceError readFailure(std::uint64_t from, std::uint64_t end, int errnum) const;
 
   UniqueFd fd_;
   std::uint64_t size_;

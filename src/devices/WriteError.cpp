@@ -21,6 +21,10 @@ std::string describe(const WriteError::Case& errorCase) {
           return "Could not open " + c.path + " for writing: " + errnoText(c.errnum);
         } else if constexpr (std::is_same_v<C, WriteError::AuthorizationDenied>) {
           return "Permission to write to " + c.path + " was denied.";
+        } else if constexpr (std::is_same_v<C, WriteError::Removed>) {
+          return c.path +
+                 " was removed while it was being written. Insert it again and check "
+                 "it before trusting what it holds.";
         } else {
           return c.message;
         }

@@ -38,13 +38,18 @@ struct Refused {
   std::string message;
   bool operator==(const Refused&) const = default;
 };
+struct Removed {
+  std::string path;
+  bool operator==(const Removed&) const = default;
+};
 }  // namespace write_error
 
 // Every failure on the write side: bad requests, failed writes, and refusals
 // (complete user-facing sentences from the guard, the opener and the formatter).
-class WriteError final : public ErrorOf<write_error::Unaligned, write_error::OutOfRange,
-                                        write_error::WriteFailed, write_error::CannotOpen,
-                                        write_error::AuthorizationDenied, write_error::Refused> {
+class WriteError final
+    : public ErrorOf<write_error::Unaligned, write_error::OutOfRange, write_error::WriteFailed,
+                     write_error::CannotOpen, write_error::AuthorizationDenied,
+                     write_error::Refused, write_error::Removed> {
  public:
   using Unaligned = write_error::Unaligned;
   using OutOfRange = write_error::OutOfRange;
@@ -52,6 +57,7 @@ class WriteError final : public ErrorOf<write_error::Unaligned, write_error::Out
   using CannotOpen = write_error::CannotOpen;
   using AuthorizationDenied = write_error::AuthorizationDenied;
   using Refused = write_error::Refused;
+  using Removed = write_error::Removed;
 
   explicit WriteError(Case errorCase);
 
@@ -71,6 +77,8 @@ class WriteError final : public ErrorOf<write_error::Unaligned, write_error::Out
     return WriteError(AuthorizationDenied{std::move(path)});
   }
   static WriteError refused(std::string message) { return WriteError(Refused{std::move(message)}); }
+  // The device went away (unplugged, card pulled out) while it was in use.
+  static WriteError removed(std::string path) { return WriteError(Removed{std::move(path)}); }
 };
 
 }  // namespace vellum

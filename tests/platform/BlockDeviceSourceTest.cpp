@@ -157,7 +157,7 @@ TEST(FuseDisk, BehavesLikeACounterfeitCardThatWrapsOrDropsWritesAndFailsChosenSe
     card.device->read(96 * 512, 8 * 512);
     ADD_FAILURE() << "read an unreadable sector";
   } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::readFailed(96 * 512, EIO));
+    EXPECT_EQ(error, DeviceError::readFailed(100 * 512, EIO));  // the failing sector
   }
   EXPECT_EQ(card.device->read(102 * 512, 512), Bytes(512, 0));  // neighbours read fine
   try {
