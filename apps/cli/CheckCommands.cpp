@@ -112,8 +112,12 @@ struct FollowUp {
 
 const FollowUp& followUp(const std::string& name) {
   static const FollowUp kFollowUps[] = {
-      {"full", CheckAction::full, {"--json"}, {"--confirm", "--backup"}, runFull},
-      {"wipe", CheckAction::wipe, {"--json"}, {"--confirm", "--method", "--backup"}, runWipe},
+      {"full", CheckAction::full, {"--json", "--force"}, {"--confirm", "--backup"}, runFull},
+      {"wipe",
+       CheckAction::wipe,
+       {"--json", "--force"},
+       {"--confirm", "--method", "--backup"},
+       runWipe},
       {"format", CheckAction::format, {"--json"}, {"--fs", "--name", "--confirm"}, runFormat},
   };
   for (const FollowUp& next : kFollowUps) {
@@ -203,7 +207,7 @@ int runQuick(const std::vector<std::string>& words) {
 }
 
 int runFull(const std::vector<std::string>& words) {
-  const Options options(words, {"--json"}, {"--confirm", "--backup"}, 1, 1);
+  const Options options(words, {"--json", "--force"}, {"--confirm", "--backup"}, 1, 1);
   std::optional<Target> target = prepareErase(options.positional()[0], CheckAction::full, options);
   if (!target) return kUsage;
   try {
@@ -234,27 +238,34 @@ int runHealth(const std::vector<std::string>& words) {
 }
 
 int runImage(const std::vector<std::string>& words) {
-  const Options options(words, {}, {}, 2, 2);
+  const Options options(words, {"--force"}, {}, 2, 2);
+  const std::string& argument = options.positional()[0];
   const std::string& destination = options.positional()[1];
   std::optional<Card> card;
-  const std::unique_ptr<ByteSource> source = openSource(options.positional()[0], card);
-  struct stat sourceStatus {};
-  struct stat destinationStatus {};
-  if (::stat(options.positional()[0].c_str(), &sourceStatus) == 0 &&
-      ::stat(destination.c_str(), &destinationStatus) == 0 &&
-      sourceStatus.st_dev == destinationStatus.st_dev &&
-      sourceStatus.st_ino == destinationStatus.st_ino) {
-    throw UsageError("the backup image can't replace its own source. Choose another DEST.");
-  }
+  const std::unique_ptr<ByteSource> source = openSource(argument, card);
+  checkImageDestination(argument, diskName(argument), std::string(nounFor(card)), destination,
+                        false);
   try {
     runWithProgress([&](auto& cancel, auto progress) {
-      CardImage{}.save(*source, destination, cancel, progress);
+      CardImage{.replaceExisting = options.has("--force")}.save(*source, destination, cancel,
+                                                                progress);
       return 0;
     });
+  } catch (const ImageError& error) {
+    throw WriteError::refused(imageErrorText(error));
   } catch (const DeviceError&) {
-    rethrowNamingTarget(options.positional()[0]);
+    rethrowNamingTarget(argument);
   }
-  std::printf("Saved %s to %s.\n", options.positional()[0].c_str(), destination.c_str());
+  // A disk reads its unreadable sectors as zeros: the image holds zeros there.
+  if (const std::int64_t lost = source->badReads(); lost > 0) {
+    std::printf(
+        "Saved %s to %s, with zeros for %lld unreadable %s. The %s is failing; keep "
+        "this image and copy your files from it.\n",
+        argument.c_str(), destination.c_str(), static_cast<long long>(lost),
+        lost == 1 ? "sector" : "sectors", std::string(nounFor(card)).c_str());
+    return kBadVerdict;
+  }
+  std::printf("Saved %s to %s.\n", argument.c_str(), destination.c_str());
   return kGoodVerdict;
 }
 

@@ -18,15 +18,18 @@ const Command kCommands[] = {
      "Quick Check: is the capacity real? Keeps your files (about a minute). With --then, "
      "erases a disk proven fake, even one claiming over 4 TB.",
      runQuick},
-    {"full", "full TARGET [--confirm WORD] [--backup FILE] [--json]",
+    {"full", "full TARGET [--confirm WORD] [--backup FILE [--force]] [--json]",
      "Full Test: writes and verifies every block and rates the speed. Erases everything.", runFull},
     {"health", "health TARGET [--json]",
      "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth},
-    {"wipe", "wipe TARGET [--method zeros|random] [--confirm WORD] [--backup FILE] [--json]",
+    {"wipe",
+     "wipe TARGET [--method zeros|random] [--confirm WORD] [--backup FILE [--force]] [--json]",
      "Wipe: overwrites every block, reads it all back and proves no file can be recovered. "
      "Erases everything.",
      runWipe},
-    {"image", "image SOURCE DEST", "Saves a byte-for-byte backup image of SOURCE to DEST.",
+    {"image", "image SOURCE DEST [--force]",
+     "Saves a byte-for-byte backup image of SOURCE to the file DEST (a new file; --force "
+     "replaces an existing one).",
      runImage},
     {"format", "format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]",
      "Gives DISK (such as sdb) a fresh FAT32 or exFAT file system. Erases everything.", runFormat},

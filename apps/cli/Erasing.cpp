@@ -23,30 +23,44 @@ bool sameFile(const std::string& a, const std::string& b) {
          first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-// The folder the backup goes into, made absolute so its disk can be found.
+// The folder the image goes into, with symlinks resolved, so its disk can be
+// found (a link in another folder must not hide that the file is on the card).
 std::filesystem::path folderOf(const std::string& destination) {
   std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(destination, error);
-  return error ? std::filesystem::path(destination).parent_path() : absolute.parent_path();
-}
-
-void checkDestination(const Target& target, const std::string& destination) {
-  if (target.kind == Target::Kind::imageFile && sameFile(target.argument, destination)) {
-    throw UsageError("the backup image can't replace the image it backs up. Choose another FILE.");
-  }
-  if (target.kind == Target::Kind::disk) {
-    const auto disk = DiskEnumerator::wholeDisk(folderOf(destination));
-    if (disk && disk->identifier == target.identity->deviceIdentifier) {
-      throw UsageError(destination + " is on the " + target.noun() +
-                       " that is about to be erased. Save the backup on another disk.");
-    }
-  }
+  const std::filesystem::path resolved = std::filesystem::weakly_canonical(destination, error);
+  return error ? std::filesystem::path(destination).parent_path() : resolved.parent_path();
 }
 
 }  // namespace
 
-void saveBackup(const Target& target, const std::string& destination) {
-  checkDestination(target, destination);
+void checkImageDestination(const std::string& source, const std::optional<std::string>& sourceDisk,
+                           const std::string& noun, const std::string& destination, bool erasing) {
+  if (!sourceDisk && sameFile(source, destination)) {
+    throw UsageError("the image can't replace its own source. Choose another file.");
+  }
+  if (sourceDisk) {
+    const auto disk = DiskEnumerator::wholeDisk(folderOf(destination));
+    if (disk && disk->identifier == *sourceDisk) {
+      throw UsageError(destination + " is on the " + noun +
+                       (erasing ? " that is about to be erased. Save the backup"
+                                : " being copied. Save the image") +
+                       " on another disk.");
+    }
+  }
+}
+
+std::string imageErrorText(const ImageError& error) {
+  if (error.is<ImageError::AlreadyExists>()) {
+    return error.description() + " Add --force to replace it.";
+  }
+  return error.description();
+}
+
+void saveBackup(const Target& target, const std::string& destination, bool replace) {
+  checkImageDestination(
+      target.argument,
+      target.identity ? std::optional(target.identity->deviceIdentifier) : std::nullopt,
+      target.noun(), destination, true);
   std::unique_ptr<ByteSource> opened;
   ByteSource* source = target.device.get();
   if (!source) {
@@ -60,10 +74,15 @@ void saveBackup(const Target& target, const std::string& destination) {
                std::filesystem::path(destination).filename().c_str());
   ProgressLine line;
   try {
-    CardImage{}.save(*source, destination, cancel, line.callback());
+    CardImage{.replaceExisting = replace}.save(*source, destination, cancel, line.callback());
   } catch (const CheckError&) {
     line.finish();
+    std::fprintf(stderr, "The backup was stopped. Nothing was erased.\n");
     throw;  // cancelled: CardImage has removed the partial file
+  } catch (const ImageError& error) {
+    line.finish();
+    throw WriteError::refused("The backup failed: " + imageErrorText(error) +
+                              " Nothing was erased.");
   } catch (const Error& error) {
     line.finish();
     std::string reason = error.description();
@@ -85,7 +104,9 @@ std::optional<Target> prepareErase(const std::string& argument, CheckAction acti
   if (!confirmErase(target.argument, target.confirmWord, options.value("--confirm"))) {
     return std::nullopt;
   }
-  if (const auto backup = options.value("--backup")) saveBackup(target, *backup);
+  if (const auto backup = options.value("--backup")) {
+    saveBackup(target, *backup, options.has("--force"));
+  }
   openForWriting(target);
   return target;
 }

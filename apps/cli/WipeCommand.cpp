@@ -60,7 +60,7 @@ Wipe::Method chosenMethod(const std::optional<std::string>& given) {
 }  // namespace
 
 int runWipe(const std::vector<std::string>& words) {
-  const Options options(words, {"--json"}, {"--confirm", "--method", "--backup"}, 1, 1);
+  const Options options(words, {"--json", "--force"}, {"--confirm", "--method", "--backup"}, 1, 1);
   // Checked before the confirmation, so a typo costs nothing.
   Wipe wipe;
   wipe.method = chosenMethod(options.value("--method"));

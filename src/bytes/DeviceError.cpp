@@ -15,6 +15,9 @@ std::string describe(const DeviceError::Case& errorCase) {
           return "Authorization to read " + c.path + " was denied.";
         } else if constexpr (std::is_same_v<C, DeviceError::NotAFileOrDevice>) {
           return c.path + " is not a readable file or device.";
+        } else if constexpr (std::is_same_v<C, DeviceError::InUse>) {
+          return c.path + " is being written by another program, such as a running check. " +
+                 "Wait until it has finished and try again.";
         } else {
           return "Read failed at offset " + std::to_string(c.offset) + ": " + errnoText(c.errnum);
         }

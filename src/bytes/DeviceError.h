@@ -26,17 +26,23 @@ struct ReadFailed {
   int errnum;
   bool operator==(const ReadFailed&) const = default;
 };
+struct InUse {
+  std::string path;
+  bool operator==(const InUse&) const = default;
+};
 }  // namespace device_error
 
 // Why a source could not be opened or read.
 class DeviceError final
     : public ErrorOf<device_error::CannotOpen, device_error::AuthorizationDenied,
-                     device_error::NotAFileOrDevice, device_error::ReadFailed> {
+                     device_error::NotAFileOrDevice, device_error::ReadFailed,
+                     device_error::InUse> {
  public:
   using CannotOpen = device_error::CannotOpen;
   using AuthorizationDenied = device_error::AuthorizationDenied;
   using NotAFileOrDevice = device_error::NotAFileOrDevice;
   using ReadFailed = device_error::ReadFailed;
+  using InUse = device_error::InUse;
 
   explicit DeviceError(Case errorCase);
 
@@ -52,6 +58,8 @@ class DeviceError final
   static DeviceError readFailed(std::uint64_t offset, int errnum) {
     return DeviceError(ReadFailed{offset, errnum});
   }
+  // Another program (such as a running check) is writing the disk.
+  static DeviceError inUse(std::string path) { return DeviceError(InUse{std::move(path)}); }
 };
 
 }  // namespace vellum

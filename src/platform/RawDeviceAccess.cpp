@@ -1,6 +1,7 @@
 #include "platform/RawDeviceAccess.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -27,7 +28,13 @@ std::unique_ptr<ByteSource> SourceOpener::open(const std::string& path,
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) throw DeviceError::cannotOpen(path, errno);
   if (S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode)) {
-    return std::make_unique<BlockDeviceSource>(RawDeviceAccess::openReadOnly(path, helper), path);
+    UniqueFd fd = RawDeviceAccess::openReadOnly(path, helper);
+    // Writers hold an exclusive lock for their whole run; reading meanwhile
+    // would copy their test blocks instead of the user's data.
+    if (::flock(fd.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+      throw DeviceError::inUse(path);
+    }
+    return std::make_unique<BlockDeviceSource>(std::move(fd), path);
   }
   if (S_ISREG(status.st_mode)) return std::make_unique<FileSource>(path);
   throw DeviceError::notAFileOrDevice(path);

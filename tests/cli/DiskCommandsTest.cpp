@@ -286,6 +286,40 @@ TEST(CliDisk, FailingFuseDiskHealthScanAndBackup) {
   EXPECT_TRUE(contains(full.err, "The backup holds zeros for 3 unreadable sectors of the drive.\n"))
       << full.err;
   EXPECT_EQ(std::filesystem::file_size(dir.file("backup.img")), 4 * kMiB);
+
+  // image says how many sectors it saved as zeros, and that is not a good verdict.
+  const ProcessResult image = cli({"image", smallLoop.name(), dir.file("card.img")}, false);
+  EXPECT_EQ(image.exitCode, 1) << image.err;
+  EXPECT_TRUE(contains(image.out, "with zeros for 3 unreadable sectors")) << image.out;
+}
+
+// Backups and images go to new regular files: never onto a disk, never over
+// an earlier file unless asked, never onto the card being read.
+TEST(CliDisk, ImagesNeverOverwriteADiskOrAnEarlierFile) {
+  VL_REQUIRE_LOOP_DEVICES();
+  TempDir dir;
+  createSparseFile(dir.file("card.img"), 8 * kMiB);
+  createSparseFile(dir.file("other.img"), 8 * kMiB);
+  LoopDevice card(dir.file("card.img")), other(dir.file("other.img"));
+  const std::string name = card.name();
+  for (const std::string& target : {other.path(), card.path()}) {
+    const ProcessResult refused =
+        cli({"full", name, "--backup", target, "--confirm", name, "--force"});
+    EXPECT_EQ(refused.exitCode, 3) << refused.err;
+    EXPECT_TRUE(contains(refused.err, "is a device or special file")) << refused.err;
+  }
+  EXPECT_TRUE(FileSource(dir.file("other.img")).read(0, 8 * kMiB) == Bytes(8 * kMiB, 0));
+
+  writeFile(dir.file("earlier.img"), "earlier");
+  const ProcessResult kept = cli({"image", name, dir.file("earlier.img")}, false);
+  EXPECT_EQ(kept.exitCode, 3);
+  EXPECT_TRUE(contains(kept.err,
+                       "already exists. Choose another name; nothing was replaced. "
+                       "Add --force to replace it."))
+      << kept.err;
+  EXPECT_EQ(std::filesystem::file_size(dir.file("earlier.img")), 7u);
+  EXPECT_EQ(cli({"image", name, dir.file("earlier.img"), "--force"}, false).exitCode, 0);
+  EXPECT_EQ(std::filesystem::file_size(dir.file("earlier.img")), 8 * kMiB);
 }
 
 TEST(CliDisk, FormatsALoopDiskAndReportsToolFailures) {

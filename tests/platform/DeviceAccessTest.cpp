@@ -222,7 +222,11 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
   EXPECT_EQ(
       errorText<WriteError>([&] { DeviceWriteAccess::open(identity); }),
       identity.deviceIdentifier + " is still in use. Close any apps using the card and try again.");
+  // Nor can it be read meanwhile: a copy would hold the writer's test blocks.
+  EXPECT_EQ(errorText<DeviceError>([&] { SourceOpener::open(path); }),
+            DeviceError::inUse(path).description());
   device.reset();
+  EXPECT_NE(SourceOpener::open(path), nullptr);
 
   device = DeviceWriteAccess::open(identity, {kDirect, false, {}});
   EXPECT_EQ(accessMode(device->fd()), O_RDWR);
