@@ -130,6 +130,9 @@ const FollowUp& followUp(const std::string& name) {
 // remembered for the rest of the process.
 QuickCheck::Result quickCheck(const std::string& argument, bool json) {
   Target target = openTarget(argument, CheckAction::quick);
+  // A stopped Quick Check has put every point back before the stop reaches us.
+  stopNote() = "Everything the Quick Check wrote was put back; the " + target.noun() +
+               " holds your data as before.";
   try {
     const QuickCheck::Result result = runWithProgress([&](auto& cancel, auto progress) {
       return QuickCheck{}.run(*target.device, cancel, progress);

@@ -5,6 +5,7 @@
 
 #include "Commands.h"
 #include "Options.h"
+#include "Terminal.h"
 #include "checks/CheckTypes.h"
 
 namespace vellum::cli {
@@ -110,6 +111,7 @@ int run(const std::vector<std::string>& arguments) {
     } catch (const CheckError& error) {
       if (error.is<CheckError::Cancelled>()) {
         std::fprintf(stderr, "%s\n", error.what());
+        if (!stopNote().empty()) std::fprintf(stderr, "%s\n", stopNote().c_str());
         return kCancelled;
       }
       std::fprintf(stderr, "vellum-check: %s\n", error.what());

@@ -77,7 +77,6 @@ void saveBackup(const Target& target, const std::string& destination, bool repla
     CardImage{.replaceExisting = replace}.save(*source, destination, cancel, line.callback());
   } catch (const CheckError&) {
     line.finish();
-    std::fprintf(stderr, "The backup was stopped. Nothing was erased.\n");
     throw;  // cancelled: CardImage has removed the partial file
   } catch (const ImageError& error) {
     line.finish();
@@ -105,9 +104,13 @@ std::optional<Target> prepareErase(const std::string& argument, CheckAction acti
     return std::nullopt;
   }
   if (const auto backup = options.value("--backup")) {
+    stopNote() = "The backup was stopped before anything was written: nothing was erased.";
     saveBackup(target, *backup, options.has("--force"));
   }
   openForWriting(target);
+  stopNote() = "The " + target.noun() +
+               " is now partly overwritten. Run the test again, or format the " + target.noun() +
+               ", before using it.";
   return target;
 }
 

@@ -5,6 +5,7 @@
 #include "Commands.h"
 #include "Options.h"
 #include "Target.h"
+#include "Terminal.h"
 #include "devices/FileSystem.h"
 #include "devices/WriteError.h"
 #include "platform/DiskFormatter.h"
@@ -54,7 +55,17 @@ int runFormat(const std::vector<std::string>& words) {
     std::fprintf(stderr, "Formatting %s as %s named %s\u2026\n", identity.deviceIdentifier.c_str(),
                  type.c_str(), label.c_str());
   }
-  DiskFormatter::format(identity, fileSystem, label);
+  // A stop during formatting waits for the format to finish: stopped between
+  // the partition table and the file system, the card would be unusable.
+  CancellationFlag stop;
+  {
+    const SignalCancellation deferred(stop);
+    DiskFormatter::format(identity, fileSystem, label);
+  }
+  if (stop.isCancelled()) {
+    std::fprintf(stderr, "Formatting was finished before stopping, so the %s is usable.\n",
+                 target.noun().c_str());
+  }
   if (options.has("--json")) {
     printJson({{"fileSystem", jsonName(fileSystem)}, {"name", label}});
   } else {

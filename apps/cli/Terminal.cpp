@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <iterator>
 
 #include "summary/TextFormat.h"
 
@@ -13,8 +14,9 @@ namespace vellum::cli {
 namespace {
 
 std::atomic<CancellationFlag*> signalTarget{nullptr};
-struct sigaction previousInt {};
-struct sigaction previousTerm {};
+// Ctrl-C, kill, a closed terminal and Ctrl-\ all stop a check the same way.
+constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+struct sigaction previous[std::size(kStopSignals)]{};
 
 extern "C" void onSignal(int) {
   // CancellationFlag::cancel() is a lock-free atomic store: async-signal-safe.
@@ -26,7 +28,7 @@ const char* phaseText(CheckProgress::Phase phase) {
     case CheckProgress::Phase::probing:
       return "Testing points";
     case CheckProgress::Phase::restoring:
-      return "Putting data back";
+      return "Putting your data back";
     case CheckProgress::Phase::writing:
       return "Writing";
     case CheckProgress::Phase::verifying:
@@ -42,6 +44,11 @@ const char* phaseText(CheckProgress::Phase phase) {
 }
 
 }  // namespace
+
+std::string& stopNote() {
+  static std::string note;
+  return note;
+}
 
 bool stdinIsTerminal() {
   return ::isatty(STDIN_FILENO) == 1;
@@ -111,13 +118,13 @@ SignalCancellation::SignalCancellation(CancellationFlag& flag) {
   // SA_RESTART: a blocking read or write resumes; the check notices the flag
   // at its next step instead of seeing a failed transfer.
   action.sa_flags = SA_RESTART;
-  sigaction(SIGINT, &action, &previousInt);
-  sigaction(SIGTERM, &action, &previousTerm);
+  for (std::size_t i = 0; i < std::size(kStopSignals); ++i)
+    sigaction(kStopSignals[i], &action, &previous[i]);
 }
 
 SignalCancellation::~SignalCancellation() {
-  sigaction(SIGINT, &previousInt, nullptr);
-  sigaction(SIGTERM, &previousTerm, nullptr);
+  for (std::size_t i = 0; i < std::size(kStopSignals); ++i)
+    sigaction(kStopSignals[i], &previous[i], nullptr);
   signalTarget.store(nullptr);
 }
 

@@ -38,8 +38,9 @@ class ProgressLine {
   Clock::time_point lastDraw_{};
 };
 
-// Routes SIGINT and SIGTERM to a cancellation flag while alive, so Ctrl-C
-// stops a check at its next step (a Quick Check still puts the data back).
+// Routes SIGINT, SIGTERM, SIGHUP and SIGQUIT to a cancellation flag while
+// alive, so Ctrl-C (or closing the terminal) stops a check at its next step
+// (a Quick Check still puts the data back).
 class SignalCancellation {
  public:
   explicit SignalCancellation(CancellationFlag& flag);
@@ -47,6 +48,10 @@ class SignalCancellation {
   SignalCancellation(const SignalCancellation&) = delete;
   SignalCancellation& operator=(const SignalCancellation&) = delete;
 };
+
+// What the user should know when a run is stopped (printed after "The test
+// was stopped."): set by a command as the state of the card changes.
+std::string& stopNote();
 
 bool stdinIsTerminal();
 bool stderrIsTerminal();

@@ -65,7 +65,7 @@ void runStep(std::vector<std::string> argv, const std::optional<std::string>& pr
              const std::string& input = {}) {
   if (!program) throw ProcessError::cannotStart(argv.front(), ENOENT);
   argv.front() = *program;
-  const ProcessResult result = runProcess(argv, input, {{"LC_ALL", "C"}});
+  const ProcessResult result = runProcess(argv, input, {{"LC_ALL", "C"}}, true);
   if (!result.status.succeeded()) {
     throw WriteError::refused("Formatting failed: " + trimmed(result.standardError));
   }

@@ -158,7 +158,12 @@ ChildProcess ChildProcess::start(const std::vector<std::string>& argv,
     sigaddset(&defaults, sig);
   posix_spawnattr_setsigmask(&setup.attributes, &empty);
   posix_spawnattr_setsigdefault(&setup.attributes, &defaults);
-  posix_spawnattr_setflags(&setup.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (options.ownProcessGroup) {
+    posix_spawnattr_setpgroup(&setup.attributes, 0);
+    flags |= POSIX_SPAWN_SETPGROUP;
+  }
+  posix_spawnattr_setflags(&setup.attributes, flags);
 
   std::vector<std::string> args(argv);
   std::vector<char*> argPointers = pointers(args);
@@ -220,8 +225,10 @@ ExitStatus ChildProcess::wait() {
 }
 
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input,
-                         const std::vector<std::pair<std::string, std::string>>& environment) {
+                         const std::vector<std::pair<std::string, std::string>>& environment,
+                         bool ownProcessGroup) {
   SpawnOptions options;
+  options.ownProcessGroup = ownProcessGroup;
   options.standardInput = input.empty() ? Stdio::null() : Stdio::pipe();
   options.environment = environment;
   ChildProcess child = ChildProcess::start(argv, options);

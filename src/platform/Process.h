@@ -48,6 +48,10 @@ struct SpawnOptions {
   Stdio standardError = Stdio::pipe();
   // Added to (or replacing in) the current environment, such as {"LC_ALL", "C"}.
   std::vector<std::pair<std::string, std::string>> environment;
+  // Starts the child in a process group of its own, so a Ctrl-C at the
+  // terminal reaches only this process, which decides when to stop (a format
+  // must not die between the partition table and the file system).
+  bool ownProcessGroup = false;
 };
 
 // How a child ended.
@@ -103,7 +107,8 @@ struct ProcessResult {
 // both output streams (read together, so neither pipe can fill and stall it).
 // Throws ProcessError when the program cannot be started.
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input = {},
-                         const std::vector<std::pair<std::string, std::string>>& environment = {});
+                         const std::vector<std::pair<std::string, std::string>>& environment = {},
+                         bool ownProcessGroup = false);
 
 // The absolute path of a program: argv-style name looked up in PATH, then in
 // /usr/sbin and /sbin (tools such as sfdisk live there and PATH of an ordinary

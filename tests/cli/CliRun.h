@@ -35,16 +35,17 @@ struct TerminalRun {
 };
 
 // Runs vellum-check on a terminal. Once `cue` is printed it types `answer`,
-// or without one presses Ctrl-C.
+// or without one sends `stop` (Ctrl-C by default).
 inline TerminalRun cliOnTerminal(std::vector<std::string> arguments, const std::string& cue,
-                                 const std::optional<std::string>& answer = std::nullopt) {
+                                 const std::optional<std::string>& answer = std::nullopt,
+                                 int stop = SIGINT) {
   arguments.insert(arguments.begin(),
                    {"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY});
   TerminalRun run;
   run.result = runOnTerminal(arguments, [&](const std::string& output, int pid, int terminal) {
     if (run.acted || output.find(cue) == std::string::npos) return;
     if (!answer) {
-      run.acted = ::kill(pid, SIGINT) == 0;
+      run.acted = ::kill(pid, stop) == 0;
       return;
     }
     const std::string line = *answer + "\n";

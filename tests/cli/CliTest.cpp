@@ -182,17 +182,23 @@ TEST(Cli, ImageFilesAreTestedWipedAndCopied) {
   EXPECT_TRUE(std::filesystem::is_empty(scratch.path())) << "the scratch folder was left behind";
 }
 
-// Ctrl-C on a terminal stops the Quick Check, which puts every byte back.
+// Ctrl-C, a closed terminal or Ctrl-\ stops the Quick Check, which puts
+// every byte back and says so.
 TEST(Cli, InterruptedQuickCheckRestoresTheCard) {
   TempDir dir;
   const std::string image = dir.file("card.img");
   const std::string content = randomBytes(256 * kMiB, 11);
   writeFile(image, content);
-  const TerminalRun run = cliOnTerminal({"quick", image}, "Testing points");
-  ASSERT_TRUE(run.acted) << run.result.out;
-  EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
-  EXPECT_TRUE(contains(run.result.out, "The test was stopped.")) << run.result.out;
-  EXPECT_TRUE(readAll(image) == content) << "the cancelled check left test blocks behind";
+  for (const int stop : {SIGINT, SIGHUP, SIGQUIT}) {
+    const TerminalRun run = cliOnTerminal({"quick", image}, "Testing points", std::nullopt, stop);
+    ASSERT_TRUE(run.acted) << run.result.out;
+    EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
+    EXPECT_TRUE(contains(run.result.out,
+                         "The test was stopped.\r\nEverything the Quick Check "
+                         "wrote was put back"))
+        << run.result.out;
+    EXPECT_TRUE(readAll(image) == content) << "the stopped check left test blocks behind";
+  }
 }
 
 }  // namespace

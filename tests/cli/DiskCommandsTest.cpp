@@ -201,6 +201,7 @@ TEST(CliDisk, StoppedBackupWritesNothing) {
   EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
   // Stopped, not killed outright.
   EXPECT_TRUE(contains(run.result.out, "The test was stopped.")) << run.result.out;
+  EXPECT_TRUE(contains(run.result.out, "nothing was erased.")) << run.result.out;
   EXPECT_FALSE(contains(run.result.out, "Writing")) << run.result.out;
   EXPECT_FALSE(std::filesystem::exists(backup)) << "the stopped backup was left behind";
   // The disk still reads as it started: all zeros.
@@ -259,6 +260,7 @@ TEST(CliDisk, DrivesOver4TBAreErasedOnlyAfterAQuickCheckProvesThemFake) {
   EXPECT_FALSE(contains(run.result.out, "reports more than 4 TB")) << run.result.out;
   EXPECT_EQ(run.result.exitCode, 130) << run.result.out;
   EXPECT_TRUE(contains(run.result.out, "The test was stopped.")) << run.result.out;
+  EXPECT_TRUE(contains(run.result.out, "is now partly overwritten")) << run.result.out;
   EXPECT_FALSE(contains(run.result.out, "Wiped and verified")) << run.result.out;
 }
 
