@@ -164,12 +164,20 @@ int runExport(const std::vector<std::string>& words) {
     text << in.rdbuf();
     try {
       report = decodeReportJson(text.str());
-    } catch (const nlohmann::json::exception&) {
-      throw UsageError(reportPath + " is not a report written by vellum-check carve.");
+    } catch (const nlohmann::json::exception& error) {
+      throw UsageError(reportPath + " is not a report written by vellum-check carve (" +
+                       error.what() + "). Nothing was saved.");
     }
   }
   std::optional<Card> card;
   const std::unique_ptr<ByteSource> source = openSource(options.positional()[1], card);
+  for (const CarvedFile& file : report.files) {
+    if (file.start + file.length > source->size()) {
+      throw UsageError(reportPath + " lists a file at offset " + std::to_string(file.start) +
+                       " that ends past the end of " + options.positional()[1] +
+                       ". Is it the source the report was made from? Nothing was saved.");
+    }
+  }
 
   CancellationFlag cancel;
   SignalCancellation signals(cancel);
@@ -182,8 +190,15 @@ int runExport(const std::vector<std::string>& words) {
   }
   std::printf("Saved %zu of %zu files to %s.\n", result.saved.size(), report.files.size(),
               out->c_str());
-  if (!result.changed.empty())
+  if (!result.changed.empty()) {
     std::printf("%zu changed since the scan and were not saved.\n", result.changed.size());
+    if (result.changed.size() * 2 > report.files.size()) {
+      std::printf(
+          "Most files changed: check that %s is the source the report was made from "
+          "(%s).\n",
+          options.positional()[1].c_str(), report.sourceDescription.c_str());
+    }
+  }
   if (!result.failed.empty())
     std::printf("%zu could not be read or written.\n", result.failed.size());
   if (cancel.isCancelled()) return kCancelled;

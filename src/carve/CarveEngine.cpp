@@ -35,15 +35,29 @@ void prepareOutputDirectory(const std::filesystem::path& dir) {
   if (::access(dir.c_str(), W_OK | X_OK) != 0) throw CarveError::outputNotWritable(dir.string());
 }
 
+bool isSafeExtension(std::string_view ext) {
+  return !ext.empty() && ext.size() <= 10 && std::all_of(ext.begin(), ext.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+  });
+}
+
+namespace {
+// Names are built only from safe extensions, so nothing a carver or a report
+// holds can lead out of the output folder ("..", "/", NUL).
+std::string_view safeExtension(std::string_view ext) {
+  return isSafeExtension(ext) ? ext : std::string_view("bin");
+}
+}  // namespace
+
 std::string carvedFileName(std::uint64_t start, std::string_view ext) {
   // Built by appending: GCC 12 at -O3 warns falsely on chained operator+ here.
   std::string name = "f";
-  name.append(std::to_string(start / sectorSize)).append(".").append(ext);
+  name.append(std::to_string(start / sectorSize)).append(".").append(safeExtension(ext));
   return name;
 }
 
 std::string carvedFolderName(std::string_view ext) {
-  std::string name(ext);
+  std::string name(safeExtension(ext));
   for (char& c : name)
     c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return name;

@@ -93,5 +93,8 @@ std::string carvedFileName(std::uint64_t start, std::string_view ext);
 
 // The extension in upper case, the sub-folder carved files of it go to.
 std::string carvedFolderName(std::string_view ext);
+// Whether ext is a plain extension: 1 to 10 lower-case letters and digits.
+// Names for other extensions use "bin".
+bool isSafeExtension(std::string_view ext);
 
 }  // namespace vellum

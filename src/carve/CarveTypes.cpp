@@ -1,7 +1,10 @@
 #include "carve/CarveTypes.h"
 
 #include <cstdio>
+#include <limits>
 #include <nlohmann/json.hpp>
+
+#include "carve/CarveEngine.h"
 
 namespace vellum {
 namespace {
@@ -28,12 +31,21 @@ const CategoryNames& namesOf(FormatCategory category) {
 
 // Sizes and offsets must be whole non-negative numbers; a plain get<> would
 // wrap -1 around.
+// Integers only: a floating-point number (6.7e19) is refused rather than
+// converted, which would be undefined when it is out of range.
 std::uint64_t unsignedField(const nlohmann::json& j, const char* key) {
   const nlohmann::json& value = j.at(key);
   if (!value.is_number_unsigned())
     throw nlohmann::json::type_error::create(
         302, std::string(key) + " must be a non-negative integer", &j);
   return value.get<std::uint64_t>();
+}
+
+std::int64_t countField(const nlohmann::json& j, const char* key) {
+  const std::uint64_t value = unsignedField(j, key);
+  if (value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
+    throw nlohmann::json::out_of_range::create(406, std::string(key) + " is out of range", &j);
+  return static_cast<std::int64_t>(value);
 }
 
 std::string describe(const CarveError::Case& errorCase) {
@@ -103,6 +115,10 @@ void from_json(const nlohmann::json& j, CarvedFile& file) {
   file.start = unsignedField(j, "start");
   file.length = unsignedField(j, "length");
   file.ext = j.at("ext").get<std::string>();
+  if (!isSafeExtension(file.ext))
+    throw json::other_error::create(501, "invalid ext " + j.at("ext").dump(), &j);
+  if (file.length == 0 || file.start > std::numeric_limits<std::uint64_t>::max() - file.length)
+    throw json::out_of_range::create(406, "start and length out of range", &j);
   const auto category = formatCategoryFromString(j.at("category").get<std::string>());
   if (!category)
     throw json::other_error::create(501, "unknown category " + j.at("category").dump(), &j);
@@ -131,8 +147,11 @@ void from_json(const nlohmann::json& j, CarveReport& report) {
   report.sourceDescription = j.at("sourceDescription").get<std::string>();
   report.totalBytes = unsignedField(j, "totalBytes");
   report.scannedBytes = unsignedField(j, "scannedBytes");
+  if (!j.at("duration").is_number()) {
+    throw nlohmann::json::type_error::create(302, "duration must be a number", &j);
+  }
   report.duration = j.at("duration").get<double>();
-  report.badReads = j.at("badReads").get<std::int64_t>();
+  report.badReads = countField(j, "badReads");
   report.cancelled = j.at("cancelled").get<bool>();
   report.files = j.at("files").get<std::vector<CarvedFile>>();
 }

@@ -38,8 +38,16 @@ void to_json(nlohmann::json& json, const DiskIdentity& identity) {
 
 void from_json(const nlohmann::json& json, DiskIdentity& identity) {
   json.at("deviceIdentifier").get_to(identity.deviceIdentifier);
-  json.at("sizeBytes").get_to(identity.sizeBytes);
-  json.at("blockSize").get_to(identity.blockSize);
+  // Integers only: converting an out-of-range floating-point number is
+  // undefined behaviour.
+  const nlohmann::json& size = json.at("sizeBytes");
+  const nlohmann::json& block = json.at("blockSize");
+  if (!size.is_number_unsigned() || !block.is_number_integer()) {
+    throw nlohmann::json::type_error::create(302, "sizeBytes and blockSize must be integers",
+                                             &json);
+  }
+  size.get_to(identity.sizeBytes);
+  block.get_to(identity.blockSize);
   json.at("mediaName").get_to(identity.mediaName);
   json.at("busProtocol").get_to(identity.busProtocol);
   json.at("ioRegistryPath").get_to(identity.ioRegistryPath);

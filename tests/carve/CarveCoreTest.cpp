@@ -175,12 +175,33 @@ TEST(CarveTypesTest, ReportJsonHasSortedKeysAndLeavesOutAbsentValues) {
   EXPECT_EQ(decodeFilesJson(encodeFilesJson(report.files)), report.files);
 
   const nlohmann::json good = nlohmann::json::parse(text);
-  for (const auto& [key, value] : std::vector<std::pair<std::string, nlohmann::json>>{
-           {"category", "pictures"}, {"confidence", "maybe"}, {"start", "zero"}, {"length", -1}}) {
+  for (const auto& [key, value] :
+       std::vector<std::pair<std::string, nlohmann::json>>{{"category", "pictures"},
+                                                           {"confidence", "maybe"},
+                                                           {"start", "zero"},
+                                                           {"length", -1},
+                                                           {"length", 0},
+                                                           {"start", 18446744073709551615u},
+                                                           {"ext", ".."},
+                                                           {"ext", "../X"},
+                                                           {"ext", "/etc"},
+                                                           {"ext", "JPG"},
+                                                           {"ext", ""},
+                                                           {"ext", "verylongextension"}}) {
     nlohmann::json bad = good;
     bad["files"][0][key] = value;
+    EXPECT_THROW(decodeReportJson(bad.dump()), nlohmann::json::exception) << key << value;
+  }
+  // Floating-point numbers are refused, not converted (6.7e19 overflows int64).
+  for (const auto& [key, value] : std::vector<std::pair<std::string, nlohmann::json>>{
+           {"badReads", 6.7e19}, {"badReads", 2.0}, {"totalBytes", 5e24}, {"duration", "1"}}) {
+    nlohmann::json bad = good;
+    bad[key] = value;
     EXPECT_THROW(decodeReportJson(bad.dump()), nlohmann::json::exception) << key;
   }
+  // Names built from whatever a carver reports stay inside the output folder.
+  EXPECT_EQ(carvedFileName(512, "../x"), "f1.bin");
+  EXPECT_EQ(carvedFolderName("/etc"), "BIN");
   nlohmann::json missing = good;
   missing.erase("cancelled");
   EXPECT_THROW(decodeReportJson(missing.dump()), nlohmann::json::exception);
