@@ -206,15 +206,22 @@ std::optional<FatGeometry> DiskFormatter::parseFatBootSector(std::span<const std
 std::uint32_t DiskFormatter::alignedReservedSectors(const FatGeometry& geometry,
                                                     std::uint64_t alignmentBytes) {
   VL_PRECONDITION(geometry.bytesPerSector > 0 && alignmentBytes % geometry.bytesPerSector == 0);
-  const std::uint64_t alignment = alignmentBytes / geometry.bytesPerSector;
   const std::uint64_t fats = std::uint64_t{geometry.fatCount} * geometry.sectorsPerFat;
   constexpr std::uint64_t kMinimumReserved = 32;
+  constexpr std::uint64_t kMaximumReserved = 0xFFFF;  // the boot sector's 16-bit field
   // The smallest aligned data start that leaves room for 32 reserved sectors.
-  const std::uint64_t dataStart =
-      checkedAdd(fats + kMinimumReserved, alignment - 1) / alignment * alignment;
-  const std::uint64_t reserved = dataStart - fats;
-  VL_PRECONDITION(reserved <= 0xFFFF);
-  return static_cast<std::uint32_t>(reserved);
+  // A large boundary (64 MiB is 131,072 sectors) can need more reserved
+  // sectors than the field holds; the data area then goes to the largest
+  // smaller power-of-two boundary that fits (at most 16 MiB on 512-byte
+  // sectors, which always fits).
+  for (std::uint64_t alignment = alignmentBytes / geometry.bytesPerSector; alignment >= 1;
+       alignment /= 2) {
+    const std::uint64_t dataStart =
+        checkedAdd(fats + kMinimumReserved, alignment - 1) / alignment * alignment;
+    const std::uint64_t reserved = dataStart - fats;
+    if (reserved <= kMaximumReserved) return static_cast<std::uint32_t>(reserved);
+  }
+  VL_PRECONDITION(false);
 }
 
 void DiskFormatter::format(const DiskIdentity& identity, FileSystem as, std::string_view name,
@@ -254,7 +261,9 @@ void DiskFormatter::format(const DiskIdentity& identity, FileSystem as, std::str
     run(reserved);
     const std::optional<FatGeometry> geometry = readFatGeometry(partition);
     if (!geometry || geometry->dataAreaOffset() % plan.alignmentBytes == 0) return;
-    reserved = alignedReservedSectors(*geometry, plan.alignmentBytes);
+    const std::uint32_t next = alignedReservedSectors(*geometry, plan.alignmentBytes);
+    if (next == geometry->reservedSectors) return;  // as aligned as the field allows
+    reserved = next;
   }
 }
 

@@ -83,7 +83,9 @@ class DiskFormatter {
   // Reads a FAT32 boot sector; absent when it is not one.
   static std::optional<FatGeometry> parseFatBootSector(std::span<const std::uint8_t> sector);
   // The reserved-sector count that puts the data area of a FAT with this
-  // geometry on the alignment boundary (at least 32, as FAT32 wants).
+  // geometry on the alignment boundary (at least 32, as FAT32 wants), or on
+  // the largest smaller power-of-two boundary when the count would not fit
+  // the boot sector's 16-bit field.
   static std::uint32_t alignedReservedSectors(const FatGeometry& geometry,
                                               std::uint64_t alignmentBytes);
 };

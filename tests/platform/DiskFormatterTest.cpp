@@ -87,19 +87,42 @@ TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
     EXPECT_FALSE(DiskFormatter::parseFatBootSector(bad));
   }
 
-  const std::tuple<FatGeometry, std::uint64_t, std::uint32_t> cases[] = {
-      {{512, 64, 2, 1024}, 4 * kMiB, 8192 - 2048},
+  const std::tuple<FatGeometry, std::uint64_t, std::uint32_t, std::uint64_t> cases[] = {
+      // geometry, boundary: reserved sectors, boundary reached
+      {{512, 64, 2, 1024}, 4 * kMiB, 8192 - 2048, 4 * kMiB},
       // Exactly on the boundary would leave no reserved sectors: take the next.
-      {{512, 32, 2, 4096}, 4 * kMiB, 8192},
+      {{512, 32, 2, 4096}, 4 * kMiB, 8192, 4 * kMiB},
       // 8192 - 8180 would leave 12 reserved sectors, too few for FAT32.
-      {{512, 32, 2, 4090}, 4 * kMiB, 16384 - 8180},
-      {{4096, 32, 2, 100}, 16 * kMiB, 4096 - 200},
+      {{512, 32, 2, 4090}, 4 * kMiB, 16384 - 8180, 4 * kMiB},
+      {{4096, 32, 2, 100}, 16 * kMiB, 4096 - 200, 16 * kMiB},
+      // 131,072 - 200 reserved sectors don't fit 16 bits: the next smaller boundary.
+      {{512, 32, 2, 100}, 64 * kMiB, 65536 - 200, 32 * kMiB},
+      {{512, 32, 2, 32000}, 32 * kMiB, 65536 - 64000, 32 * kMiB},
+      {{512, 32, 2, 32760}, 32 * kMiB, 98304 - 65520, 16 * kMiB},
   };
-  for (const auto& [start, alignment, expected] : cases) {
+  for (const auto& [start, alignment, expected, reached] : cases) {
     FatGeometry aligned = start;
     aligned.reservedSectors = DiskFormatter::alignedReservedSectors(start, alignment);
     EXPECT_EQ(aligned.reservedSectors, expected) << start.sectorsPerFat;
-    EXPECT_EQ(aligned.dataAreaOffset() % alignment, 0u) << start.sectorsPerFat;
+    EXPECT_EQ(aligned.dataAreaOffset() % reached, 0u) << start.sectorsPerFat;
+  }
+
+  // The boot sectors mkfs.fat writes for large FAT32 disks; none may stop the
+  // program, and the data area lands on at least a 16 MiB boundary.
+  if (!findProgram("mkfs.fat")) GTEST_SKIP() << "needs mkfs.fat";
+  testing::TempDir dir;
+  for (const std::uint64_t size : {128 * kGiB, 512 * kGiB, std::uint64_t{1'000'204'886'016},
+                                   std::uint64_t{2'000'398'934'016}}) {
+    const std::string image = dir.file("fat.img");
+    testing::createSparseFile(image, size);
+    ASSERT_TRUE(runProcess({"mkfs.fat", "-F", "32", "-s", "64", image}).status.succeeded());
+    const auto written = DiskFormatter::parseFatBootSector(FileSource(image).read(0, 512));
+    ASSERT_TRUE(written) << size;
+    FatGeometry aligned = *written;
+    aligned.reservedSectors = DiskFormatter::alignedReservedSectors(
+        aligned, DiskFormatter::layout(FileSystem::fat32, size).alignmentBytes);
+    EXPECT_EQ(aligned.dataAreaOffset() % (16 * kMiB), 0u) << size;
+    std::filesystem::remove(image);
   }
 }
 
