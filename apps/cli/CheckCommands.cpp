@@ -69,7 +69,10 @@ void printOutcome(const Result& result, const std::optional<Card>& card, bool js
 }  // namespace
 
 void printJson(const nlohmann::json& value) {
-  std::printf("%s\n", value.dump().c_str());
+  // Names from disks and files need not be UTF-8: invalid bytes become
+  // U+FFFD rather than an exception.
+  std::printf("%s\n",
+              value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
 bool confirmErase(const std::string& what, const std::string& word,

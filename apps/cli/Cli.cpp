@@ -122,6 +122,12 @@ int run(const std::vector<std::string>& arguments) {
     } catch (const std::bad_alloc&) {
       std::fprintf(stderr, "vellum-check: not enough memory.\n");
       return kCouldNotRun;
+    } catch (const std::exception& error) {
+      std::fprintf(stderr,
+                   "vellum-check %s: stopped by an unexpected error: %s. Nothing more was "
+                   "written. Please report this.\n",
+                   name.c_str(), error.what());
+      return kCouldNotRun;
     }
   }
   std::fprintf(stderr, "vellum-check: unknown command %s. Run vellum-check --help for usage.\n",

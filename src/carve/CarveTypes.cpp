@@ -158,7 +158,10 @@ void from_json(const nlohmann::json& j, CarveReport& report) {
 
 // nlohmann::json keeps object keys in a std::map, so dump() sorts them.
 std::string encodeReportJson(const CarveReport& report) {
-  return nlohmann::json(report).dump(2) + "\n";
+  // File and volume names need not be UTF-8: invalid bytes become U+FFFD
+  // rather than an exception.
+  return nlohmann::json(report).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) +
+         "\n";
 }
 
 CarveReport decodeReportJson(std::string_view text) {
@@ -169,7 +172,7 @@ std::string encodeFilesJson(std::span<const CarvedFile> files) {
   nlohmann::json array = nlohmann::json::array();
   for (const CarvedFile& file : files)
     array.push_back(file);
-  return array.dump(2) + "\n";
+  return array.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 std::vector<CarvedFile> decodeFilesJson(std::string_view text) {

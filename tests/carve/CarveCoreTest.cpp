@@ -199,6 +199,10 @@ TEST(CarveTypesTest, ReportJsonHasSortedKeysAndLeavesOutAbsentValues) {
     bad[key] = value;
     EXPECT_THROW(decodeReportJson(bad.dump()), nlohmann::json::exception) << key;
   }
+  // Names need not be UTF-8 (a file called "\xFF.img"): they are written, not thrown.
+  CarveReport latin1 = report;
+  latin1.sourceDescription = "/tmp/caf\xE9.img";
+  EXPECT_NE(encodeReportJson(latin1).find("caf\uFFFD.img"), std::string::npos);
   // Names built from whatever a carver reports stay inside the output folder.
   EXPECT_EQ(carvedFileName(512, "../x"), "f1.bin");
   EXPECT_EQ(carvedFolderName("/etc"), "BIN");
