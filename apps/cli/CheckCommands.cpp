@@ -71,8 +71,7 @@ void printOutcome(const Result& result, const std::optional<Card>& card, bool js
 void printJson(const nlohmann::json& value) {
   // Names from disks and files need not be UTF-8: invalid bytes become
   // U+FFFD rather than an exception.
-  std::printf("%s\n",
-              value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  std::printf("%s\n", value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
 }
 
 bool confirmErase(const std::string& what, const std::string& word,
@@ -141,7 +140,7 @@ QuickCheck::Result quickCheck(const std::string& argument, bool json) {
       return QuickCheck{}.run(*target.device, cancel, progress);
     });
     if (result.verdict == QuickCheck::Result::Verdict::counterfeit && target.identity) {
-      markProvenFake(target.identity->deviceIdentifier);
+      markProvenFake(target.identity->deviceIdentifier, result.verifiedBytes);
     }
     printOutcome(result, target.card, json);
     return result;

@@ -44,7 +44,10 @@ int runFormat(const std::vector<std::string>& words) {
 
   const Target target = inspectTarget(argument, CheckAction::format);
   const DiskIdentity& identity = *target.identity;
-  const FileSystem fileSystem = chosenFileSystem(options.value("--fs"), identity.sizeBytes);
+  // A card proven fake gets a file system only where it really stores data.
+  const std::optional<std::uint64_t> usable = verifiedCapacity(identity.deviceIdentifier);
+  const FileSystem fileSystem =
+      chosenFileSystem(options.value("--fs"), usable.value_or(identity.sizeBytes));
   const std::string label = DiskFormatter::sanitizedName(options.value("--name").value_or(""));
   if (!confirmErase(identity.deviceIdentifier, target.confirmWord, options.value("--confirm"))) {
     return kUsage;
@@ -60,7 +63,7 @@ int runFormat(const std::vector<std::string>& words) {
   CancellationFlag stop;
   {
     const SignalCancellation deferred(stop);
-    DiskFormatter::format(identity, fileSystem, label);
+    DiskFormatter::format(identity, fileSystem, label, {}, usable);
   }
   if (stop.isCancelled()) {
     std::fprintf(stderr, "Formatting was finished before stopping, so the %s is usable.\n",
@@ -69,7 +72,7 @@ int runFormat(const std::vector<std::string>& words) {
   if (options.has("--json")) {
     printJson({{"fileSystem", jsonName(fileSystem)}, {"name", label}});
   } else {
-    std::fputs(renderText(ResultSummary(Formatted{fileSystem, label}, target.card)).c_str(),
+    std::fputs(renderText(ResultSummary(Formatted{fileSystem, label, usable}, target.card)).c_str(),
                stdout);
   }
   return kGoodVerdict;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <regex>
 #include <set>
 
@@ -25,8 +26,9 @@ constexpr const char* kTargetHelp =
     "Give a disk name (like sdb), demo:genuine, demo:fake, demo:failing or the path of a disk "
     "image file.";
 
-std::set<std::string>& provenFake() {
-  static std::set<std::string> disks;
+// Disks a Quick Check proved fake in this process, with the bytes it verified.
+std::map<std::string, std::uint64_t>& provenFake() {
+  static std::map<std::string, std::uint64_t> disks;
   return disks;
 }
 
@@ -103,8 +105,14 @@ std::optional<std::string> diskName(const std::string& argument) {
   return std::nullopt;
 }
 
-void markProvenFake(const std::string& deviceIdentifier) {
-  provenFake().insert(deviceIdentifier);
+void markProvenFake(const std::string& deviceIdentifier, std::uint64_t verifiedBytes) {
+  provenFake().insert_or_assign(deviceIdentifier, verifiedBytes);
+}
+
+std::optional<std::uint64_t> verifiedCapacity(const std::string& deviceIdentifier) {
+  const auto found = provenFake().find(deviceIdentifier);
+  if (found == provenFake().end()) return std::nullopt;
+  return found->second;
 }
 
 Allowance allowanceFor(CheckAction action, const std::string& deviceIdentifier) {

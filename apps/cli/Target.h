@@ -54,8 +54,11 @@ Target openTarget(const std::string& argument, CheckAction action = CheckAction:
 // the source opener on /dev/NAME, never through the guard.
 std::unique_ptr<ByteSource> openSource(const std::string& argument, std::optional<Card>& card);
 
-// Records that a Quick Check in this process found the disk's capacity fake.
-void markProvenFake(const std::string& deviceIdentifier);
+// Records that a Quick Check in this process found the disk's capacity fake,
+// and how many bytes from the start it verified.
+void markProvenFake(const std::string& deviceIdentifier, std::uint64_t verifiedBytes);
+// The bytes a Quick Check in this process verified on a disk it proved fake.
+std::optional<std::uint64_t> verifiedCapacity(const std::string& deviceIdentifier);
 // The guard's allowance for an action on a disk: claimedCapacity for a Quick
 // Check always (it proves a fake and puts the data back), and for the erasing
 // actions only once the disk was proven fake in this process.

@@ -149,12 +149,22 @@ FormatLayout DiskFormatter::layout(FileSystem fileSystem, std::uint64_t diskByte
   return result;
 }
 
-std::string DiskFormatter::partitionScript(const FormatLayout& layout, std::int64_t sectorSize) {
+std::string DiskFormatter::partitionScript(const FormatLayout& layout, std::int64_t sectorSize,
+                                           std::optional<std::uint64_t> endBytes) {
   VL_PRECONDITION(sectorSize >= 1);
   static constexpr char kHex[] = "0123456789abcdef";
-  const std::uint64_t startSector = layout.alignmentBytes / static_cast<std::uint64_t>(sectorSize);
+  const auto sector = static_cast<std::uint64_t>(sectorSize);
+  const std::uint64_t startSector = layout.alignmentBytes / sector;
   std::string type{kHex[layout.partitionType >> 4], kHex[layout.partitionType & 0x0F]};
-  return "label: dos\nstart=" + std::to_string(startSector) + ", type=" + type + "\n";
+  std::string size;
+  if (endBytes) {
+    const std::uint64_t end = *endBytes / layout.alignmentBytes * layout.alignmentBytes;
+    const std::uint64_t bytes = end > layout.alignmentBytes ? end - layout.alignmentBytes : 0;
+    if (bytes == 0)
+      throw WriteError::refused("The usable part of the card is too small to format.");
+    size = ", size=" + std::to_string(bytes / sector);
+  }
+  return "label: dos\nstart=" + std::to_string(startSector) + size + ", type=" + type + "\n";
 }
 
 std::vector<std::string> DiskFormatter::makeFileSystemArguments(const FormatLayout& layout,
@@ -225,7 +235,7 @@ std::uint32_t DiskFormatter::alignedReservedSectors(const FatGeometry& geometry,
 }
 
 void DiskFormatter::format(const DiskIdentity& identity, FileSystem as, std::string_view name,
-                           const SystemPaths& paths) {
+                           const SystemPaths& paths, std::optional<std::uint64_t> usableBytes) {
   DeviceGuard::revalidate(identity, paths);
   // Nothing on Linux unmounts for us; the guard judges by the mount table.
   DeviceGuard::unmountAll(identity, paths);
@@ -233,14 +243,17 @@ void DiskFormatter::format(const DiskIdentity& identity, FileSystem as, std::str
   const Tools& tools = Tools::get();
   const std::string label = sanitizedName(name);
   const std::string disk = identity.devicePath();
-  const FormatLayout plan = layout(as, identity.sizeBytes);
+  const std::uint64_t capacity = std::min(identity.sizeBytes, usableBytes.value_or(UINT64_MAX));
+  const FormatLayout plan = layout(as, capacity);
 
   // --lock keeps udev and others off the disk while the table changes; the
   // wipes clear old file-system signatures so nothing recognises stale data.
   // The kernel hears of the partition from partx below.
   runStep({"sfdisk", "--lock", "--wipe", "always", "--wipe-partitions", "always",
            "--no-tell-kernel", disk},
-          tools.sfdisk, partitionScript(plan, identity.blockSize));
+          tools.sfdisk,
+          partitionScript(plan, identity.blockSize,
+                          usableBytes ? std::optional(capacity) : std::nullopt));
   runStep({"partx", "--update", disk}, tools.partx);
   const std::string partition = waitForFirstPartition(identity.deviceIdentifier, paths);
 

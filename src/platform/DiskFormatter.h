@@ -62,8 +62,11 @@ class DiskFormatter {
   // "Formatting failed: " with the failing tool's error text), or
   // ProcessError when a tool is missing or cannot start. Blocks for the whole
   // format: call it from a worker. A failed format is not rolled back.
+  // usableBytes, when given, ends the partition there: a card proven fake
+  // gets a file system only over the capacity that really stores data.
   static void format(const DiskIdentity& identity, FileSystem as, std::string_view name,
-                     const SystemPaths& paths = {});
+                     const SystemPaths& paths = {},
+                     std::optional<std::uint64_t> usableBytes = std::nullopt);
 
   // --- Pure pieces of the format, exposed for tests ---
 
@@ -72,7 +75,9 @@ class DiskFormatter {
   static FormatLayout layout(FileSystem fileSystem, std::uint64_t diskBytes);
   // The sfdisk script: a DOS label and one partition from the alignment
   // boundary to the end of the disk.
-  static std::string partitionScript(const FormatLayout& layout, std::int64_t sectorSize);
+  // With endBytes, the partition ends there (rounded down to the alignment).
+  static std::string partitionScript(const FormatLayout& layout, std::int64_t sectorSize,
+                                     std::optional<std::uint64_t> endBytes = std::nullopt);
   // mkfs arguments (program name first) for the new partition. reservedSectors
   // only matters for FAT32 (0: mkfs.fat's default).
   static std::vector<std::string> makeFileSystemArguments(const FormatLayout& layout,

@@ -73,6 +73,8 @@ constexpr bool erases(CheckAction action) {
 struct Formatted {
   FileSystem fileSystem = FileSystem::exfat;
   std::string name;
+  // Set when only the capacity a Quick Check verified was formatted.
+  std::optional<std::uint64_t> usableBytes = std::nullopt;
   bool operator==(const Formatted&) const = default;
 };
 

@@ -203,6 +203,11 @@ class Writer {
     s_.explanation = "Formatted as " + fileSystem + " with the name " + f.name +
                      ". For best results, also format it once in the camera itself.";
     s_.facts = {{"File system", fileSystem}, {"Name", f.name}};
+    if (f.usableBytes) {
+      s_.explanation = "Formatted to the " + sizeText(*f.usableBytes) +
+                       " that really store data. " + s_.explanation;
+      s_.facts.push_back({"Formatted capacity", sizeText(*f.usableBytes)});
+    }
   }
 
  private:
