@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -163,8 +164,14 @@ TEST(RawDeviceAccess, AsksTheHelperWhenAPlainOpenIsRefused) {
     int failed = ::open(path.c_str(), O_RDONLY) < 0 && errno == EACCES ? 0 : 1;
     try {
       ::dup2(reading.get(), STDIN_FILENO);
-      const std::unique_ptr<ByteSource> source = SourceOpener::open(path, standIn("stdin"));
-      if (!dynamic_cast<BlockDeviceSource*>(source.get()) || source->size() != 1 << 20) failed |= 2;
+      {
+        const std::unique_ptr<ByteSource> source = SourceOpener::open(path, standIn("stdin"));
+        if (!dynamic_cast<BlockDeviceSource*>(source.get()) || source->size() != 1 << 20)
+          failed |= 2;
+      }
+      // The reader's shared lock keeps writers out; here it lives on in the
+      // parent's copy of the descriptor.
+      ::flock(reading.get(), LOCK_UN);
       if (errorText<DeviceError>([&] {
             RawDeviceAccess::openReadOnly(path, standIn("nothing"));
           }) != "Authorization to read " + path + " was denied.") {
