@@ -16,6 +16,7 @@
 #include "carve/CarveEngine.h"
 #include "carve/CarveExporter.h"
 #include "devices/WriteError.h"
+#include "platform/DiskEnumerator.h"
 
 namespace vellum::cli {
 namespace {
@@ -91,7 +92,26 @@ CheckProgress scanProgress(const CarveProgress& progress) {
   throw WriteError::refused("Could not write " + path + error.code().message() + ".");
 }
 
-void printTable(const CarveReport& report) {
+// Recovered files must never land on the disk they are recovered from: each
+// one written there could overwrite the next file still to be found.
+void checkOutputFolder(const std::string& argument, const std::string& out) {
+  const std::optional<std::string> disk = diskName(argument);
+  if (!disk) return;
+  std::error_code error;
+  const std::filesystem::path folder = std::filesystem::weakly_canonical(out, error);
+  // The folder may not exist yet: its nearest existing parent decides.
+  std::filesystem::path existing = error ? std::filesystem::path(out) : folder;
+  while (!existing.empty() && !std::filesystem::exists(existing, error))
+    existing = existing.parent_path();
+  const auto outDisk = DiskEnumerator::wholeDisk(existing.empty() ? "." : existing);
+  if (outDisk && outDisk->identifier == *disk) {
+    throw UsageError(out + " is on " + *disk +
+                     ", the disk being searched: writing recovered files there could overwrite "
+                     "the files still to be found. Choose a folder on another disk.");
+  }
+}
+
+void printTable(const CarveReport& report, const std::string& sourceName) {
   std::map<std::string, std::uint64_t> bytesByExt;
   std::uint64_t total = 0;
   for (const CarvedFile& file : report.files) {
@@ -100,7 +120,12 @@ void printTable(const CarveReport& report) {
   }
   std::printf("Found %zu %s (%s) in %s.\n", report.files.size(),
               report.files.size() == 1 ? "file" : "files", formatByteCount(total).c_str(),
-              report.sourceDescription.c_str());
+              sourceName.c_str());
+  if (report.badReads > 0) {
+    std::printf("%lld unreadable %s read as zeros; files there may be damaged or missing.\n",
+                static_cast<long long>(report.badReads),
+                report.badReads == 1 ? "sector was" : "sectors were");
+  }
   if (report.files.empty()) return;
   std::printf("  %-6s %7s  %s\n", "Type", "Files", "Size");
   for (const auto& [ext, count] : report.countsByExt())
@@ -119,6 +144,7 @@ int runCarve(const std::vector<std::string>& words) {
   const std::uint64_t chunk = positiveNumber(options, "--chunk", defaultChunk);
   if (chunk % stride != 0) throw UsageError("--chunk must be a multiple of --stride.");
 
+  checkOutputFolder(options.positional()[0], *out);
   std::optional<Card> card;
   const std::unique_ptr<ByteSource> source = openSource(options.positional()[0], card);
   CarveEngine engine(*source,
@@ -137,7 +163,7 @@ int runCarve(const std::vector<std::string>& words) {
     rethrowFolderError(error);
   }
   line.finish();
-  printTable(report);
+  printTable(report, options.positional()[0]);
   std::printf("%s %s.\n",
               options.has("--catalog") ? "Wrote vellum-report.json to"
                                        : "Wrote the files and vellum-report.json to",

@@ -179,6 +179,15 @@ TEST(CliDisk, ErasingUnmountsTheDiskButNeverBacksUpOntoIt) {
                                         "backup on another disk.\n"))
       << refused.err;
   EXPECT_TRUE(isMounted(point));
+  // Nor are recovered files written onto the disk they come from, even
+  // through a symlink or into a folder yet to be made.
+  std::filesystem::create_directory_symlink(point, dir.file("link"));
+  for (const std::string& out : {point + "/recovered", dir.file("link") + "/new/folder"}) {
+    const ProcessResult carve = cli({"carve", name, "--out", out}, false);
+    EXPECT_EQ(carve.exitCode, 2) << out;
+    EXPECT_TRUE(contains(carve.err, "the disk being searched")) << carve.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(point + "/recovered"));
 
   const ProcessResult full = cli({"full", name, "--confirm", name, "--json"});
   EXPECT_EQ(full.exitCode, 0) << full.err;
