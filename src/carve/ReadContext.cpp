@@ -11,6 +11,10 @@ namespace {
 
 // Each findLast block holds this many bytes plus the pattern's length.
 constexpr std::uint64_t findLastBlock = 1'048'575;
+// Reads up to this size outside the window go through the read-ahead buffer,
+// which holds this much.
+constexpr std::size_t smallRead = 65'536;
+constexpr std::size_t readAheadBytes = 1'048'576;
 
 std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
   return a > UINT64_MAX - b ? UINT64_MAX : a + b;
@@ -52,7 +56,25 @@ std::size_t ReadContext::bytesInto(std::uint64_t offset, std::span<std::uint8_t>
     std::memcpy(out.data(), window_.data() + (offset - windowStart_), n);
     return n;
   }
-  return source_.readInto(offset, out.first(n));
+  if (n > smallRead) return source_.readInto(offset, out.first(n));
+  const bool buffered = offset >= readAheadStart_ &&
+                        offset - readAheadStart_ <= readAhead_.size() &&
+                        n <= readAhead_.size() - (offset - readAheadStart_);
+  if (!buffered) {
+    readAhead_.resize(
+        static_cast<std::size_t>(std::min<std::uint64_t>(readAheadBytes, size_ - offset)));
+    readAheadStart_ = offset;
+    try {
+      readAhead_.resize(source_.readInto(offset, readAhead_));
+    } catch (...) {
+      readAhead_.clear();
+      throw;
+    }
+  }
+  const std::size_t available = static_cast<std::size_t>(
+      std::min<std::uint64_t>(n, readAhead_.size() - (offset - readAheadStart_)));
+  std::memcpy(out.data(), readAhead_.data() + (offset - readAheadStart_), available);
+  return available;
 }
 
 Bytes ReadContext::bytes(std::uint64_t offset, std::int64_t count) {
@@ -102,19 +124,47 @@ std::optional<std::uint64_t> ReadContext::find(std::span<const std::uint8_t> pat
   VL_PRECONDITION(chunk > 0);
   if (pattern.empty() || from >= size_) return std::nullopt;
   const std::uint64_t end = std::min(saturatingAdd(from, limit), size_);
+  auto memo = std::find_if(searched_.begin(), searched_.end(), [&](const Searched& s) {
+    return std::equal(s.pattern.begin(), s.pattern.end(), pattern.begin(), pattern.end());
+  });
+  if (memo == searched_.end()) {
+    memo = searched_.insert(searched_.end(),
+                            Searched{Bytes(pattern.begin(), pattern.end()), 0, 0, std::nullopt});
+  }
+  std::uint64_t start = from;
+  std::uint64_t knownFrom = from;
+  if (memo->from <= from && from <= memo->scannedTo) {
+    if (memo->hit) return *memo->hit < end ? memo->hit : std::nullopt;
+    start = memo->scannedTo;  // nothing starts in [from, scannedTo)
+    knownFrom = memo->from;
+    if (start >= end) return std::nullopt;
+  }
+  std::uint64_t scannedTo = start;
+  const std::optional<std::uint64_t> hit = scan(pattern, start, end, chunk, scannedTo);
+  memo->from = knownFrom;
+  memo->scannedTo = hit.value_or(scannedTo);
+  memo->hit = hit;
+  return hit;
+}
+
+std::optional<std::uint64_t> ReadContext::scan(std::span<const std::uint8_t> pattern,
+                                               std::uint64_t from, std::uint64_t end,
+                                               std::uint64_t chunk, std::uint64_t& scannedTo) {
   Bytes piece;
   for (std::uint64_t position = from; position < end; position += chunk) {
     const std::uint64_t want = std::min(size_ - position, saturatingAdd(chunk, pattern.size() - 1));
     piece.resize(static_cast<std::size_t>(want));
     piece.resize(bytesInto(position, piece));
-    if (piece.size() < pattern.size()) return std::nullopt;
     if (const auto hit = searchForward(piece, pattern, 0)) {
       const std::uint64_t absolute = position + *hit;
-      if (absolute >= end) return std::nullopt;
+      if (absolute >= end) break;
       return absolute;
     }
+    // Every start up to here was looked at (a short piece is the source's end).
+    scannedTo = piece.size() < want ? size_ : std::min(end, position + chunk);
     if (piece.size() < want) return std::nullopt;
   }
+  scannedTo = std::max(scannedTo, end);
   return std::nullopt;
 }
 

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <vector>
 
 #include "bytes/ByteSource.h"
 
@@ -35,8 +36,10 @@ class ReadContext {
   void clearWindow() noexcept { setWindow(0, std::span<const std::uint8_t>{}); }
 
   // Up to count bytes at offset (empty for count < 1 or offset >= size()).
-  // Served from the window only when the whole clamped range lies inside it,
-  // otherwise one read of the source.
+  // Served from the window when the whole clamped range lies inside it;
+  // small reads outside it go through a read-ahead buffer, so a carver
+  // walking a file byte by byte costs one source read per buffer, not one
+  // per byte; larger reads are one read of the source.
   Bytes bytes(std::uint64_t offset, std::int64_t count);
   // Copies into out as bytes() would; returns how many bytes were stored.
   std::size_t bytesInto(std::uint64_t offset, std::span<std::uint8_t> out);
@@ -48,7 +51,11 @@ class ReadContext {
 
   // First occurrence of pattern starting in [from, min(from + limit, size())),
   // searched in steps of chunk bytes that overlap by the pattern's length less
-  // one, so a pattern straddling two steps is still seen.
+  // one, so a pattern straddling two steps is still seen. What a search
+  // found (or covered without a hit) is remembered per pattern, so the next
+  // candidate searching from inside that stretch does not read it again:
+  // the whole scan stays linear in the source's size however many
+  // candidates search for an end marker that isn't there.
   // REQUIRES: chunk > 0.
   std::optional<std::uint64_t> find(std::span<const std::uint8_t> pattern, std::uint64_t from,
                                     std::uint64_t limit, std::uint64_t chunk);
@@ -64,10 +71,25 @@ class ReadContext {
                                         std::optional<std::uint64_t> slack = std::nullopt);
 
  private:
+  // No occurrence of pattern starts in [from, scannedTo), except hit, which
+  // then equals scannedTo.
+  struct Searched {
+    Bytes pattern;
+    std::uint64_t from = 0;
+    std::uint64_t scannedTo = 0;
+    std::optional<std::uint64_t> hit;
+  };
+  std::optional<std::uint64_t> scan(std::span<const std::uint8_t> pattern, std::uint64_t from,
+                                    std::uint64_t end, std::uint64_t chunk,
+                                    std::uint64_t& scannedTo);
+
   ByteSource& source_;
   std::uint64_t size_ = source_.size();
   std::uint64_t windowStart_ = 0;
   std::span<const std::uint8_t> window_;
+  Bytes readAhead_;
+  std::uint64_t readAheadStart_ = 0;
+  std::vector<Searched> searched_;
 };
 
 }  // namespace vellum

@@ -70,9 +70,18 @@ TEST(ReadContextTest, ReadsAreClampedAndWindowsServeOnlyWholeRanges) {
   EXPECT_EQ(context.bytes(39, 2), (Bytes{39, 40}));
   EXPECT_EQ(source.reads, 2);
 
+  // Small reads outside the window are read ahead: a byte-by-byte walk costs
+  // one source read, not one per byte.
+  ReadContext walking(source);
+  source.reads = 0;
+  for (std::uint64_t at = 0; at < 100; ++at)
+    EXPECT_EQ(walking.byte(at), at);
+  EXPECT_EQ(source.reads, 1);
+
+  ReadContext failing(source);
   source.beforeRead = [](std::uint64_t, std::size_t) { throw DeviceError::readFailed(7, 5); };
-  EXPECT_THROW(context.u16(0, true), DeviceError);
-  EXPECT_THROW(context.find(text("x"), 0, 10, 4), DeviceError);
+  EXPECT_THROW(failing.u16(0, true), DeviceError);
+  EXPECT_THROW(failing.find(text("x"), 0, 10, 4), DeviceError);
 }
 
 TEST(ReadContextTest, FindAndFindLast) {
@@ -95,6 +104,15 @@ TEST(ReadContextTest, FindAndFindLast) {
                {"QQ", 0, 100, 16, std::nullopt}};
   for (const auto& [pattern, from, limit, chunk, want] : finds)
     EXPECT_EQ(context.find(text(pattern), from, limit, chunk), want) << pattern << " " << from;
+  // Candidates 512 bytes apart searching for a marker that isn't there read
+  // the source once in all, not once each; a hit found once is found again.
+  source.reads = 0;
+  for (std::uint64_t from = 100; from < 200'000; from += 512) {
+    EXPECT_EQ(context.find(text("NOPE"), from, UINT64_MAX, 65'536), std::nullopt);
+    EXPECT_EQ(context.find(text("XYZ"), from, UINT64_MAX, 65'536), 2'099'997u);
+    EXPECT_EQ(context.find(text("XYZ"), from, 2'099'997 - from, 65'536), std::nullopt);
+  }
+  EXPECT_LT(source.reads, 2 * (2'100'000 / 65'536 + 2));
 
   const Bytes eof = text("%%EOF");
   EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX), 2'098'000U);

@@ -36,11 +36,14 @@ class JpegCarver final : public FormatCarver {
     if (!q) return std::nullopt;
     const std::uint64_t header = *q - start;
     const std::uint64_t searchLimit = maxFile - header;
-    const auto end = context.find(endMarker, *q, searchLimit, searchStep);
-    const auto next = context.find(startMarker, *q, end ? *end - *q : searchLimit, searchStep);
+    // The next JPEG's start bounds the search for this one's end marker, so
+    // a run of headers without end markers is not searched to the limit once
+    // per header.
+    const auto next = context.find(startMarker, *q, searchLimit, searchStep);
+    const auto end = context.find(endMarker, *q, next ? *next - *q : searchLimit, searchStep);
 
-    if (next) return match(*next - start, CarveConfidence::heuristic);
     if (end) return match(*end + 2 - start, CarveConfidence::exact);
+    if (next) return match(*next - start, CarveConfidence::heuristic);
     return match(std::min(context.size() - start, unboundedLength), CarveConfidence::heuristic);
   }
 

@@ -18,6 +18,7 @@ constexpr std::uint32_t maxFatSectors = 65'536;
 constexpr std::uint64_t maxLength = 268'435'456;
 // Stream names are looked for only this far into the file.
 constexpr std::uint64_t maxNameSearch = 8'388'608;
+constexpr std::uint64_t nameSearchStep = 1'048'576;
 
 struct StreamName {
   std::string_view name;
@@ -40,10 +41,6 @@ Bytes utf16le(std::string_view text) {
   return out;
 }
 
-bool contains(const Bytes& haystack, const Bytes& needle) {
-  return memmem(haystack.data(), haystack.size(), needle.data(), needle.size()) != nullptr;
-}
-
 class Ole2Carver final : public FormatCarver {
  public:
   std::string_view id() const override { return "ole2"; }
@@ -64,11 +61,14 @@ class Ole2Carver final : public FormatCarver {
     const std::uint64_t available = context.size() - start;
     const std::uint64_t length = std::min({largest, available, maxLength});
 
-    const Bytes head =
-        context.bytes(start, toSigned(std::min({largest, available, maxNameSearch})));
+    // Searched through the context, which remembers what it covered: a run of
+    // headers 512 bytes apart does not read 8 MiB once per header.
+    const std::uint64_t nameSearch = std::min({largest, available, maxNameSearch});
     std::string_view ext = "ole";
     for (const StreamName& stream : streamNames) {
-      if (contains(head, utf16le(stream.name))) {
+      const Bytes name = utf16le(stream.name);
+      if (nameSearch < name.size()) continue;
+      if (context.find(name, start, nameSearch - name.size() + 1, nameSearchStep)) {
         ext = stream.ext;
         break;
       }
