@@ -3,7 +3,9 @@
 // through pkexec, so it trusts nothing it is given: only absolute paths that
 // resolve to a whole-disk node directly under /dev are opened, the node must
 // be the very device sysfs names, and writable opens are always exclusive.
-// It runs no other program and passes exactly one descriptor or none.
+// It runs no other program and passes exactly one descriptor or none; when it
+// refuses, it says why on the socket ("refused ERRNO"), so the caller can
+// tell a busy disk from a denied one.
 //
 // Usage: vellum-authopen -stdoutpipe [-o FLAGS] PATH
 //   FLAGS is the decimal open() flags; without it the device is opened
@@ -36,8 +38,14 @@ constexpr int kUsage = 64;
 constexpr int kAllowedFlags = O_ACCMODE | O_EXCL | O_CLOEXEC | O_DIRECT | O_SYNC | O_DSYNC |
                               O_NOFOLLOW | O_NONBLOCK | O_NOATIME | O_LARGEFILE;
 
-int refuse(const std::string& why) {
+// Tells the caller why (0: not a disk this helper opens), then exits.
+int refuse(const std::string& why, int errnum = 0) {
   std::fprintf(stderr, "vellum-authopen: %s\n", why.c_str());
+  const std::string reason = "refused " + std::to_string(errnum) + "\n";
+  ssize_t sent = 0;
+  do {
+    sent = ::send(STDOUT_FILENO, reason.data(), reason.size(), MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
   return kRefused;
 }
 
@@ -122,7 +130,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: vellum-authopen -stdoutpipe [-o FLAGS] PATH\n");
     return kUsage;
   }
-  if (!standardOutputIsUnixSocket()) return refuse("standard output must be a Unix socket");
+  if (!standardOutputIsUnixSocket()) {
+    std::fprintf(stderr, "vellum-authopen: standard output must be a Unix socket\n");
+    return kRefused;
+  }
   if (!flags || (*flags & ~kAllowedFlags) != 0 || (*flags & O_ACCMODE) == O_ACCMODE) {
     return refuse("open flags not allowed");
   }
@@ -131,7 +142,8 @@ int main(int argc, char** argv) {
   if (path.empty() || path.front() != '/') return refuse(path + ": not an absolute path");
   char resolved[PATH_MAX] = {};
   if (::realpath(path.c_str(), resolved) == nullptr) {
-    return refuse(path + ": " + std::strerror(errno));
+    const int errnum = errno;
+    return refuse(path + ": " + std::strerror(errnum), errnum);
   }
   const std::string_view real(resolved);
   constexpr std::string_view kDev = "/dev/";
@@ -154,7 +166,10 @@ int main(int argc, char** argv) {
   // A writable open is always exclusive: nothing may mount the disk meanwhile.
   if ((openFlags & O_ACCMODE) != O_RDONLY) openFlags |= O_EXCL;
   const int fd = ::open(resolved, openFlags);
-  if (fd < 0) return refuse(path + ": " + std::strerror(errno));
+  if (fd < 0) {
+    const int errnum = errno;
+    return refuse(path + ": " + std::strerror(errnum), errnum);
+  }
   // The node might have been replaced between the checks and the open.
   struct stat opened {};
   if (::fstat(fd, &opened) != 0 || !S_ISBLK(opened.st_mode) || opened.st_rdev != *device) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 
 #include "platform/Process.h"
@@ -90,6 +91,14 @@ AuthOpenReply requestDescriptor(const AuthOpenCommand& command, const std::strin
   UniqueFd parentEnd(ends[0]);
   UniqueFd childEnd(ends[1]);
 
+  // pkexec would only say that authorization failed; a missing program (pkexec
+  // or the helper) gets its own answer.
+  for (const std::string& word : command.launcher) {
+    if (word.starts_with('/') && !isExecutableFile(word)) {
+      reply.helperMissing = true;
+      return reply;
+    }
+  }
   std::vector<std::string> argv = command.launcher;
   argv.emplace_back("-stdoutpipe");
   if (openFlags) {
@@ -111,8 +120,8 @@ AuthOpenReply requestDescriptor(const AuthOpenCommand& command, const std::strin
   }
   childEnd.reset();
 
-  char byte = 0;
-  iovec vector{&byte, 1};
+  std::array<char, 64> data{};
+  iovec vector{data.data(), data.size()};
   alignas(cmsghdr) std::array<char, 64> control{};
   msghdr message{};
   message.msg_iov = &vector;
@@ -124,6 +133,10 @@ AuthOpenReply requestDescriptor(const AuthOpenCommand& command, const std::strin
     received = ::recvmsg(parentEnd.get(), &message, MSG_CMSG_CLOEXEC);
   } while (received < 0 && errno == EINTR);
   if (received > 0) reply.fd = takeDescriptor(message);
+  const std::string_view text(data.data(), received > 0 ? static_cast<std::size_t>(received) : 0);
+  if (!reply.fd && text.starts_with("refused ")) {
+    reply.refusedWith = std::atoi(std::string(text.substr(8)).c_str());
+  }
   parentEnd.reset();
   // The exit status says nothing the descriptor does not.
   child->wait();

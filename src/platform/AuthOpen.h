@@ -31,8 +31,13 @@ struct AuthOpenCommand {
 std::optional<std::string> findAuthOpenHelper();
 
 struct AuthOpenReply {
-  UniqueFd fd;          // invalid when the helper passed nothing
-  int systemError = 0;  // errno when the socket pair or the helper could not be made
+  UniqueFd fd;                 // invalid when the helper passed nothing
+  int systemError = 0;         // errno when the socket pair or the helper could not be made
+  bool helperMissing = false;  // the helper program is not installed
+  // The helper refused and said why: the errno of its open (EBUSY: in use),
+  // or 0 for a path it does not open. Absent when it said nothing (the user
+  // refused to authorize).
+  std::optional<int> refusedWith;
 };
 
 // Runs the helper once and waits for it. Blocks as long as the user takes to

@@ -20,9 +20,24 @@ WriteError busy(const DiskIdentity& identity) {
                              " is still in use. Close any apps using the card and try again.");
 }
 
-UniqueFd openThroughHelper(const std::string& path, const AuthOpenCommand& helper) {
+UniqueFd openThroughHelper(const DiskIdentity& identity, const AuthOpenCommand& helper) {
+  const std::string path = identity.devicePath();
   AuthOpenReply reply = requestDescriptor(helper, path, O_RDWR);
   if (reply.systemError != 0) throw WriteError::cannotOpen(path, reply.systemError);
+  if (reply.helperMissing) {
+    throw WriteError::refused(
+        "Opening " + path +
+        " for writing needs administrator rights, and the helper vellum-authopen that asks for "
+        "them isn't installed. Install Vellum Check with cmake --install, or run it as root.");
+  }
+  if (reply.refusedWith == EBUSY) throw busy(identity);
+  if (reply.refusedWith && *reply.refusedWith != 0) {
+    throw WriteError::cannotOpen(path, *reply.refusedWith);
+  }
+  if (reply.refusedWith) {
+    throw WriteError::refused("The helper vellum-authopen opens only whole disks under /dev; " +
+                              path + " is not one. Nothing was written.");
+  }
   if (!reply.fd) throw WriteError::authorizationDenied(path);
   const int flags = ::fcntl(reply.fd.get(), F_GETFL);
   if (flags < 0 || (flags & O_ACCMODE) != O_RDWR) throw WriteError::cannotOpen(path, EACCES);
@@ -64,7 +79,7 @@ std::unique_ptr<FileDescriptorDevice> DeviceWriteAccess::open(const DiskIdentity
   }
   if (openError == EBUSY) throw busy(identity);
   if (openError == EACCES || openError == EPERM) {
-    fd = openThroughHelper(path, options.helper);
+    fd = openThroughHelper(identity, options.helper);
   } else if (openError != 0) {
     throw WriteError::cannotOpen(path, openError);
   }

@@ -5,6 +5,7 @@
 //   read-only  passes a read-only descriptor whatever was asked
 //   two        passes two descriptors in one message
 //   data-only  sends the data byte without a descriptor
+//   busy       says it refused because the disk is busy (EBUSY)
 //   stdin      passes its standard input, which the test opened beforehand
 
 #include <fcntl.h>
@@ -41,6 +42,9 @@ int main(int argc, char** argv) {
   const int in = STDIN_FILENO;
   if (mode == "nothing") return 0;
   if (mode == "data-only") return send(nullptr, 0);
+  if (mode == "busy") {  // as the helper answers when the disk is in use
+    return ::write(STDOUT_FILENO, "refused 16\n", 11) == 11 ? 1 : 2;
+  }
   if (mode == "stdin") return send(&in, 1);
   const int fd = ::open(argv[argc - 1], O_RDONLY | O_CLOEXEC);
   const int fds[2] = {fd, fd};

@@ -81,6 +81,11 @@ TEST(AuthOpenHelper, PassesOneDescriptorForAWholeDiskAndNothingElse) {
   EXPECT_EQ(accessMode(writing.fd.get()), O_RDWR);
   EXPECT_FALSE(openExclusively(path));
   EXPECT_EQ(errno, EBUSY);
+  // A refusal says why: a busy disk is told apart from a denied one.
+  EXPECT_EQ(requestDescriptor(kDirect, path, O_RDWR).refusedWith, EBUSY);
+  EXPECT_TRUE(
+      requestDescriptor(AuthOpenCommand::direct("/nonexistent/vellum-authopen"), path, O_RDWR)
+          .helperMissing);
   writing.fd.reset();
   EXPECT_TRUE(openExclusively(path));
 
@@ -110,6 +115,7 @@ TEST(AuthOpenHelper, PassesOneDescriptorForAWholeDiskAndNothingElse) {
     const AuthOpenReply reply = requestDescriptor(kDirect, target, flags);
     EXPECT_EQ(reply.systemError, 0) << what;
     EXPECT_FALSE(reply.fd.valid()) << what;
+    EXPECT_TRUE(reply.refusedWith.has_value()) << what;
   }
 }
 
@@ -247,8 +253,13 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
       {standIn("data-only"), denied},
       {standIn("two"), denied},
       {standIn("read-only"), "Could not open " + path + " for writing: Permission denied"},
+      {standIn("busy"), identity.deviceIdentifier +
+                            " is still in use. Close any apps using the card and try again."},
       {AuthOpenCommand::direct(disk.dir.file("no-such-helper")),
-       "Could not open " + path + " for writing: No such file or directory"},
+       "Opening " + path +
+           " for writing needs administrator rights, and the helper vellum-authopen that asks "
+           "for them isn't installed. Install Vellum Check with cmake --install, or run it as "
+           "root."},
   };
   for (const auto& [helper, text] : failures)
     EXPECT_EQ(errorText<WriteError>([&] {

@@ -52,6 +52,23 @@ class JpegCarver final : public FormatCarver {
     return CarveMatch{length, "jpg", FormatCategory::photos, confidence};
   }
 
+  // The last 0xFF of the run of fill bytes from p on (erased flash reads as
+  // 0xFF, so the run can be long: it is skipped a block at a time).
+  static std::uint64_t lastFillByte(std::uint64_t p, std::uint64_t limit, ReadContext& context) {
+    std::array<std::uint8_t, 65'536> block{};
+    while (p < limit) {
+      const std::size_t n = context.bytesInto(p, block);
+      if (n == 0) return p;
+      const auto* other =
+          std::find_if(block.begin(), block.begin() + static_cast<std::ptrdiff_t>(n),
+                       [](std::uint8_t b) { return b != 0xFF; });
+      const auto run = static_cast<std::uint64_t>(other - block.begin());
+      if (run < n) return run == 0 ? p : p + run - 1;
+      p += n;
+    }
+    return p;
+  }
+
   // Where the entropy-coded data begins (after the SOS segment), or nothing.
   static std::optional<std::uint64_t> scanStart(std::uint64_t start, ReadContext& context) {
     std::uint64_t p = start + 2;
@@ -63,7 +80,7 @@ class JpegCarver final : public FormatCarver {
       if (m == 0x01 || (m >= 0xD0 && m <= 0xD7)) {
         p += 2;
       } else if (m == 0xFF) {
-        p += 1;  // fill byte
+        p = lastFillByte(p + 1, start + headerLimit, context);  // a run of fill bytes
       } else if (m == 0xD8 || m == 0xD9) {
         return std::nullopt;
       } else {
