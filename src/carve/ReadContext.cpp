@@ -151,8 +151,14 @@ std::optional<std::uint64_t> ReadContext::scan(std::span<const std::uint8_t> pat
                                                std::uint64_t from, std::uint64_t end,
                                                std::uint64_t chunk, std::uint64_t& scannedTo) {
   Bytes piece;
-  for (std::uint64_t position = from; position < end; position += chunk) {
-    const std::uint64_t want = std::min(size_ - position, saturatingAdd(chunk, pattern.size() - 1));
+  // Steps start small and double up to chunk, so a hit close by (the next
+  // header 512 bytes on) costs about as much as the distance to it.
+  std::uint64_t step = std::min<std::uint64_t>(chunk, 4096);
+  for (std::uint64_t position = from; position < end;
+       position += step, step = std::min(chunk, saturatingAdd(step, step))) {
+    // Never more than the range needs: a short search must not read a chunk.
+    const std::uint64_t want = std::min(
+        size_ - position, saturatingAdd(std::min(step, end - position), pattern.size() - 1));
     piece.resize(static_cast<std::size_t>(want));
     piece.resize(bytesInto(position, piece));
     if (const auto hit = searchForward(piece, pattern, 0)) {
@@ -161,7 +167,7 @@ std::optional<std::uint64_t> ReadContext::scan(std::span<const std::uint8_t> pat
       return absolute;
     }
     // Every start up to here was looked at (a short piece is the source's end).
-    scannedTo = piece.size() < want ? size_ : std::min(end, position + chunk);
+    scannedTo = piece.size() < want ? size_ : std::min(end, saturatingAdd(position, step));
     if (piece.size() < want) return std::nullopt;
   }
   scannedTo = std::max(scannedTo, end);
