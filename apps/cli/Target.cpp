@@ -92,6 +92,8 @@ std::optional<std::string> diskName(const std::string& argument) {
     // Follow /dev/disk/by-id and similar links to the kernel's node.
     std::error_code error;
     const std::string resolved = std::filesystem::canonical(argument, error).string();
+    // A file under /dev (an image in /dev/shm) is an image file, not a disk.
+    if (!error && std::filesystem::is_regular_file(resolved, error)) return std::nullopt;
     if (!error && resolved.rfind("/dev/", 0) == 0) return resolved.substr(5);
     return argument.substr(5);
   }
@@ -137,7 +139,18 @@ Target inspectTarget(const std::string& argument, CheckAction action) {
     // Typing the disk's own name keeps a slip of the finger from erasing
     // another disk.
     target.confirmWord = *name;
-    target.identity = DeviceGuard::inspect(*name, allowanceFor(action, *name));
+    try {
+      target.identity = DeviceGuard::inspect(*name, allowanceFor(action, *name));
+    } catch (const WriteError& error) {
+      // The guard's advice, in the form that lifts the limit on the command line.
+      if (action != CheckAction::quick &&
+          error.description().ends_with("Run a Quick Check first.")) {
+        throw WriteError::refused(error.description() +
+                                  " On the command line: vellum-check quick " + *name + " --then " +
+                                  std::string(rawValue(action)) + " --confirm " + *name + ".");
+      }
+      throw;
+    }
     target.card = diskCard(*name, target.identity->mediaName, target.identity->sizeBytes);
     return target;
   }

@@ -63,7 +63,12 @@ DiskIdentity DeviceGuard::inspect(const std::string& deviceIdentifier, Allowance
   }
   if (facts->virtualOrPhysical == "Virtual" &&
       !(facts->busProtocol == "Disk Image" && diskImagesAllowed())) {
-    throw WriteError::refused(name + " is a virtual disk, not a card.");
+    // A disk image attached with losetup can be tested on purpose; say how.
+    throw WriteError::refused(name + " is a virtual disk, not a card." +
+                              (facts->busProtocol == "Disk Image"
+                                   ? " To test the disk image behind it anyway, set "
+                                     "VL_ALLOW_DISK_IMAGES=1."
+                                   : ""));
   }
   if (sizeBytes == 0) {
     throw WriteError::refused(name + " reports a size of zero. Try reinserting the card.");

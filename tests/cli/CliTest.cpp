@@ -81,6 +81,10 @@ TEST(Cli, DemoCardRuns) {
 TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
   TempDir dir;
   writeFile(dir.file("tiny.img"), randomBytes(15 * 4096, 7));
+  // An image file under /dev (in /dev/shm) is an image file, not a disk.
+  const std::string inShm = "/dev/shm/vellum-test-" + std::to_string(::getpid()) + ".img";
+  writeFile(inShm, randomBytes(15 * 4096, 7));
+  const std::unique_ptr<const char, int (*)(const char*)> removeShm(inShm.c_str(), ::unlink);
   const std::string image = dir.file("card.img");
   const std::string content = randomBytes(kMiB, 5);
   writeFile(image, content);
@@ -112,6 +116,7 @@ TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
       {{"quick", dir.file("missing.img")}, 3, "There is no file at " + dir.file("missing.img")},
       {{"quick", folder}, 3, "is a folder, not a disk image file"},
       {{"quick", dir.file("tiny.img")}, 3, dir.file("tiny.img") + ": The device is too small to test."},
+      {{"quick", inShm}, 3, inShm + ": The device is too small to test."},
       {{"quick", "sdzz"}, 3, "vellum-check: sdzz wasn't found. Was the card removed?"},
       {{"full", "/dev/null", "--confirm", "null"}, 3, "vellum-check: null wasn't found. Was the card removed?"},
       {{"image", "demo:genuine", dir.file("no/such/folder.img")}, 3, dir.file("no/such/folder.img")},

@@ -68,7 +68,9 @@ TEST(CliDisk, RefusalsWriteNothing) {
   const std::string name = loop.name();
   const std::string thenUsage =
       "Usage: vellum-check quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]\n";
-  const std::string virtualDisk = "vellum-check: " + name + " is a virtual disk, not a card.\n";
+  const std::string virtualDisk = "vellum-check: " + name +
+                                  " is a virtual disk, not a card. To test the disk image behind "
+                                  "it anyway, set VL_ALLOW_DISK_IMAGES=1.\n";
   const std::string wholeDisks =
       "vellum-check: Only whole disks (like sdb or mmcblk0) can be tested, not " + name + "p1.\n";
   // The word that allows erasing a disk is its name, not "erase".
@@ -270,7 +272,8 @@ TEST(CliDisk, DrivesOver4TBAreErasedOnlyAfterAQuickCheckProvesThemFake) {
     EXPECT_EQ(refused.err, "vellum-check: " + name +
                                " reports more than 4 TB. Vellum only erases drives that size "
                                "after a Quick Check shows the capacity is fake. Run a Quick "
-                               "Check first.\n")
+                               "Check first. On the command line: vellum-check quick " +
+                               name + " --then " + command + " --confirm " + name + ".\n")
         << command;
   }
 

@@ -83,7 +83,9 @@ TEST(DeviceGuard, RefusesInRuleOrderWithTheExactTexts) {
       {"mmcblk1boot0", standard, internal("mmcblk1boot0")},
       {"zram0", standard, internal("zram0")},  // internal comes before virtual and zero size
       {"nvme0n1", standard, internal("nvme0n1")},
-      {"loop0", standard, "loop0 is a virtual disk, not a card."},
+      {"loop0", standard,
+       "loop0 is a virtual disk, not a card. To test the disk image behind it "
+       "anyway, set VL_ALLOW_DISK_IMAGES=1."},
       {"sdc", standard, "sdc reports a size of zero. Try reinserting the card."},
       {"sdf", standard,
        "sdf reports more than 4 TB. Vellum only erases drives that size after a Quick Check "
@@ -117,7 +119,10 @@ TEST(DeviceGuard, RefusesInRuleOrderWithTheExactTexts) {
   // Disk images pass only with the variable exactly "1"; other virtual disks never.
   for (const char* value : {"true", "yes", "1 ", "01", "", "2"}) {
     const testing::ScopedEnv env("VL_ALLOW_DISK_IMAGES", value);
-    EXPECT_EQ(refusal("loop0", standard, fake.paths()), "loop0 is a virtual disk, not a card.")
+    EXPECT_EQ(
+        refusal("loop0", standard, fake.paths()),
+        "loop0 is a virtual disk, not a card." +
+            std::string(" To test the disk image behind it anyway, set VL_ALLOW_DISK_IMAGES=1."))
         << value;
   }
   const testing::ScopedEnv env("VL_ALLOW_DISK_IMAGES", "1");

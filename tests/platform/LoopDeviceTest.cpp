@@ -48,7 +48,9 @@ TEST(LoopDevices, EnumeratedAndInspectedAsDiskImagesOrRefusedWhenSwapIsOn) {
   }
   {
     const testing::ScopedEnv env("VL_ALLOW_DISK_IMAGES", std::nullopt);
-    EXPECT_EQ(inspectRefusal(name), name + " is a virtual disk, not a card.");
+    EXPECT_EQ(inspectRefusal(name), name +
+                                        " is a virtual disk, not a card. To test the disk image "
+                                        "behind it anyway, set VL_ALLOW_DISK_IMAGES=1.");
   }
   const DiskIdentity identity = disk.inspect();
   EXPECT_EQ(identity.sizeBytes, 64u << 20);
