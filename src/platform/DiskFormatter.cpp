@@ -107,14 +107,76 @@ FileSystem DiskFormatter::recommended(std::uint64_t forSize) {
   return forSize > sizeThreshold ? FileSystem::exfat : FileSystem::fat32;
 }
 
+namespace {
+
+// The next code point of UTF-8 text (advancing at), or none for a malformed
+// byte, which is skipped.
+std::optional<char32_t> nextCodePoint(std::string_view text, std::size_t& at) {
+  const auto lead = static_cast<unsigned char>(text[at++]);
+  if (lead < 0x80) return lead;
+  const int extra = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : lead >= 0xC0 ? 1 : -1;
+  if (extra < 0 || at + static_cast<std::size_t>(extra) > text.size()) return std::nullopt;
+  char32_t value = lead & (0x3F >> extra);
+  for (int i = 0; i < extra; ++i) {
+    const auto next = static_cast<unsigned char>(text[at]);
+    if ((next & 0xC0) != 0x80) return std::nullopt;
+    value = (value << 6) | (next & 0x3F);
+    ++at;
+  }
+  return value;
+}
+
+// A character's upper case where it is written with ASCII letters; others
+// become nothing (they are not allowed in a label anyway). Full case mapping
+// includes the one-to-many cases: "straße" is STRASSE, the "ﬁ" ligature FI.
+std::string_view upperCaseInAscii(char32_t c) {
+  static constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+  if (c >= 'a' && c <= 'z') return kLetters.substr(c - 'a', 1);
+  if (c < 0x80) return {};
+  switch (c) {
+    case 0x00DF:  // ß
+      return "SS";
+    case 0x0131:  // dotless ı
+      return "I";
+    case 0x017F:  // long ſ
+      return "S";
+    case 0xFB00:
+      return "FF";
+    case 0xFB01:
+      return "FI";
+    case 0xFB02:
+      return "FL";
+    case 0xFB03:
+      return "FFI";
+    case 0xFB04:
+      return "FFL";
+    case 0xFB05:
+    case 0xFB06:
+      return "ST";
+    default:
+      return {};
+  }
+}
+
+}  // namespace
+
 std::string DiskFormatter::sanitizedName(std::string_view name) {
+  // Upper case first (as a full case mapping does), then keep only what a
+  // FAT or exFAT label in every camera accepts.
+  std::string upper;
+  for (std::size_t at = 0; at < name.size();) {
+    const std::optional<char32_t> c = nextCodePoint(name, at);
+    if (!c) continue;
+    if (*c < 0x80 && !(*c >= 'a' && *c <= 'z')) {
+      upper += static_cast<char>(*c);
+    } else {
+      upper += upperCaseInAscii(*c);
+    }
+  }
   std::string result;
-  for (const char c : name) {
+  for (const char c : upper) {
     if (result.size() == maximumNameLength) break;
-    // Only ASCII letters change case; bytes of other characters never match
-    // the allowed set and are dropped.
-    const char upper = (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-    if (allowedNameCharacters.find(upper) != std::string_view::npos) result += upper;
+    if (allowedNameCharacters.find(c) != std::string_view::npos) result += c;
   }
   return result.empty() ? std::string(defaultName) : result;
 }
