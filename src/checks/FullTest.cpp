@@ -347,11 +347,10 @@ void to_json(nlohmann::json& json, const FullTest::Result& result) {
           {"aliasedBlocks", result.aliasedBlocks},
           {"corruptBlocks", result.corruptBlocks},
           {"writeErrors", result.writeErrors},
-          {"firstBadOffset", nullptr},
           {"write", result.write},
           {"read", result.read},
-          {"speedClass", nullptr},
           {"duration", result.duration}};
+  // Absent values are left out, not written as null.
   if (result.firstBadOffset) json["firstBadOffset"] = *result.firstBadOffset;
   if (result.speedClass) json["speedClass"] = *result.speedClass;
 }
