@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include "bytes/Error.h"
@@ -22,7 +23,41 @@ std::vector<ExternalDisk> DiskEnumerator::externalDisks(bool includeDiskImages,
     disks.push_back(
         ExternalDisk{name, facts->mediaName, facts->sizeBytes, volumeNames(reader.volumes(name))});
   }
+  std::sort(disks.begin(), disks.end(), [](const ExternalDisk& a, const ExternalDisk& b) {
+    return listedBefore(a.deviceIdentifier, b.deviceIdentifier);
+  });
   return disks;
+}
+
+bool DiskEnumerator::listedBefore(std::string_view a, std::string_view b) {
+  const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  std::size_t i = 0;
+  std::size_t j = 0;
+  while (i < a.size() && j < b.size()) {
+    if (isDigit(a[i]) && isDigit(b[j])) {
+      // Whole numbers compare by value: fewer significant digits is smaller.
+      std::size_t ai = i, bj = j;
+      while (ai < a.size() && a[ai] == '0')
+        ++ai;
+      while (bj < b.size() && b[bj] == '0')
+        ++bj;
+      std::size_t aEnd = ai, bEnd = bj;
+      while (aEnd < a.size() && isDigit(a[aEnd]))
+        ++aEnd;
+      while (bEnd < b.size() && isDigit(b[bEnd]))
+        ++bEnd;
+      if (aEnd - ai != bEnd - bj) return aEnd - ai < bEnd - bj;
+      if (const int order = a.substr(ai, aEnd - ai).compare(b.substr(bj, bEnd - bj)); order != 0)
+        return order < 0;
+      i = aEnd;
+      j = bEnd;
+    } else {
+      if (a[i] != b[j]) return a[i] < b[j];
+      ++i;
+      ++j;
+    }
+  }
+  return a.size() - i < b.size() - j;
 }
 
 bool DiskEnumerator::isMemoryCardLike(const DiskFacts& info, bool allowDiskImages) {

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "devices/ExternalDisk.h"
@@ -30,6 +31,10 @@ class DiskEnumerator {
                                                  const SystemPaths& paths = {});
   // The filter, in order: disk images answer allowDiskImages; virtual, system
   // and live-boot disks are not card-like; otherwise external or removable.
+  // The order disks are listed in: names compared with their numbers as
+  // numbers, so loop2 comes before loop10.
+  static bool listedBefore(std::string_view a, std::string_view b);
+
   static bool isMemoryCardLike(const DiskFacts& info, bool allowDiskImages);
   // The whole disk holding the file system at path (a mount point or any file
   // on it); absent when it is not on a block device.

@@ -147,6 +147,15 @@ TEST(DiskEnumerator, ListsCardLikeDisksWithVolumeNamesAndStampsChanges) {
       {"sde", "Samsung PSSD T7", 976773168ull * 512, {"BACKUP", "TENTH"}},
   };
   EXPECT_EQ(disks, expected);
+  // Listed in natural order: numbers inside names compare as numbers.
+  for (const auto& [before, after] : {std::pair{"loop2", "loop10"},
+                                      {"sda", "sdb"},
+                                      {"mmcblk0", "mmcblk1"},
+                                      {"nvme0n2", "nvme0n10"},
+                                      {"loop9", "sda"}}) {
+    EXPECT_TRUE(DiskEnumerator::listedBefore(before, after)) << before;
+    EXPECT_FALSE(DiskEnumerator::listedBefore(after, before)) << after;
+  }
 
   const std::vector<ExternalDisk> withImages = DiskEnumerator::externalDisks(true, fake.paths());
   ASSERT_EQ(withImages.size(), 5u);
