@@ -13,35 +13,68 @@ namespace {
 
 const Command kCommands[] = {
     {"list", "list [--json] [--include-images]",
-     "Lists the memory cards and external drives (disk images too with --include-images).",
-     runList},
+     "Lists the memory cards and external drives (disk images too with --include-images).", runList,
+     "  --json            one JSON array instead of the table\n"
+     "  --include-images  also list loop devices (disk images attached with losetup)\n"},
     {"quick", "quick TARGET [--json] [--then full|wipe|format [ITS OPTIONS]]",
      "Quick Check: is the capacity real? Keeps your files (about a minute). With --then, "
      "erases a disk proven fake, even one claiming over 4 TB.",
-     runQuick},
+     runQuick,
+     "  --json            print the result as one JSON object\n"
+     "  --then ACTION     full, wipe or format: run it afterwards, only when the capacity\n"
+     "                    was proven fake (lifts the 4 TB limit); the options after it\n"
+     "                    (--confirm, --backup, --method, --fs, --name) are the action's\n"},
     {"full", "full TARGET [--confirm WORD] [--backup FILE [--force]] [--json]",
-     "Full Test: writes and verifies every block and rates the speed. Erases everything.", runFull},
+     "Full Test: writes and verifies every block and rates the speed. Erases everything.", runFull,
+     "  --confirm WORD     the disk's name (sdb), or \"erase\" for demo cards and image\n"
+     "                     files; asked for on a terminal when missing\n"
+     "  --backup FILE      first save a byte-for-byte image of the card to FILE (a new\n"
+     "                     file, not on the card); nothing is erased if it fails\n"
+     "  --force            let --backup replace an existing FILE\n"
+     "  --json             print the result as one JSON object\n"},
     {"health", "health TARGET [--json]",
-     "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth},
+     "Health Scan: reads every block and maps unreadable and slow areas. Read-only.", runHealth,
+     "  --json            print the result as one JSON object (read-only; no guard)\n"},
     {"wipe",
      "wipe TARGET [--method zeros|random] [--confirm WORD] [--backup FILE [--force]] [--json]",
      "Wipe: overwrites every block, reads it all back and proves no file can be recovered. "
      "Erases everything.",
-     runWipe},
+     runWipe,
+     "  --method zeros|random  what is written (default zeros); random also exposes a\n"
+     "                         card that wraps its writes\n"
+     "  --confirm WORD         the disk's name (sdb), or \"erase\" for demo cards and\n"
+     "                         image files; asked for on a terminal when missing\n"
+     "  --backup FILE          first save an image of the card to FILE (a new file)\n"
+     "  --force                let --backup replace an existing FILE\n"
+     "  --json                 print the result as one JSON object\n"},
     {"image", "image SOURCE DEST [--force]",
      "Saves a byte-for-byte backup image of SOURCE to the file DEST (a new file; --force "
      "replaces an existing one).",
-     runImage},
+     runImage,
+     "  DEST must be a new regular file, not under /dev and not on SOURCE.\n"
+     "  --force           replace an existing DEST (only once the new image is complete)\n"
+     "  Unreadable sectors are saved as zeros and counted (exit status 1).\n"},
     {"format", "format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]",
-     "Gives DISK (such as sdb) a fresh FAT32 or exFAT file system. Erases everything.", runFormat},
+     "Gives DISK (such as sdb) a fresh FAT32 or exFAT file system. Erases everything.", runFormat,
+     "  --fs exfat|fat32  the file system (default: FAT32 up to 32 GB, exFAT above)\n"
+     "  --name NAME       the volume name, cleaned up for cameras (default UNTITLED)\n"
+     "  --confirm DISK    the disk's name; asked for on a terminal when missing\n"
+     "  --json            print {\"fileSystem\":...,\"name\":...}\n"},
     {"carve",
      "carve SOURCE --out DIR [--catalog] [--categories photos,video,...] [--stride N] "
      "[--chunk BYTES]",
      "Looks for photos, videos, music and documents in SOURCE and saves them to DIR. Read-only.",
-     runCarve},
+     runCarve,
+     "  --out DIR             where the files and vellum-report.json go (not on SOURCE)\n"
+     "  --catalog             write only the report; export saves the files later\n"
+     "  --categories LIST     photos,rawPhotos,video,audio,documents,archives (default all)\n"
+     "  --stride N            step between candidate offsets in bytes (default 512)\n"
+     "  --chunk BYTES         read size, a multiple of --stride (default 16 MiB)\n"},
     {"export", "export REPORT.json SOURCE --out DIR",
      "Saves the files listed by carve --catalog, skipping any that changed since the scan.",
-     runExport},
+     runExport,
+     "  --out DIR         where the files go; existing files are never overwritten\n"
+     "  Files whose start changed since the scan are skipped.\n"},
 };
 
 void printUsage(std::FILE* out) {
@@ -96,9 +129,10 @@ int run(const std::vector<std::string>& arguments) {
     const std::vector<std::string> words(arguments.begin() + 1, arguments.end());
     for (const std::string& word : words) {
       if (word == "--help" || word == "-h") {
-        std::printf("Usage: vellum-check %.*s\n%.*s\n", static_cast<int>(command.usage.size()),
-                    command.usage.data(), static_cast<int>(command.summary.size()),
-                    command.summary.data());
+        std::printf("Usage: vellum-check %.*s\n%.*s\n\n%.*s",
+                    static_cast<int>(command.usage.size()), command.usage.data(),
+                    static_cast<int>(command.summary.size()), command.summary.data(),
+                    static_cast<int>(command.options.size()), command.options.data());
         return kGoodVerdict;
       }
     }

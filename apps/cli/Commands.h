@@ -16,6 +16,8 @@ struct Command {
   std::string_view usage;
   std::string_view summary;
   int (*run)(const std::vector<std::string>& words);
+  // The options and their defaults, for COMMAND --help.
+  std::string_view options = {};
 };
 
 int runQuick(const std::vector<std::string>& words);

@@ -102,6 +102,7 @@ TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
       {{"--help"}, 0, "vellum-check quick TARGET"},
       {{"--version"}, 0, "vellum-check "},
       {{"quick", "--help"}, 0, "vellum-check quick TARGET"},
+      {{"wipe", "--help"}, 0, "--method zeros|random  what is written (default zeros)"},
       {{}, 2, "Usage: vellum-check"},
       {{"frobnicate"}, 2, "unknown command frobnicate"},
       {{"quick"}, 2, "missing arguments"},
