@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <iostream>
@@ -20,6 +21,7 @@
 #include "checks/QuickCheck.h"
 #include "checks/Wipe.h"
 #include "devices/WriteError.h"
+#include "platform/Unmount.h"
 #include "summary/ResultSummary.h"
 #include "summary/SummaryText.h"
 
@@ -130,7 +132,35 @@ const FollowUp& followUp(const std::string& name) {
 
 // Runs the Quick Check and prints its outcome; a fake capacity on a disk is
 // remembered for the rest of the process.
+// Remembers the volumes of a disk that are mounted now and mounts them again
+// when it goes away: the Quick Check keeps the user's files, so their card
+// should look as it did. Declared before the Target, so that the device (held
+// exclusively, which keeps anything from mounting) is closed first.
+class Remount {
+ public:
+  explicit Remount(const std::string& argument) {
+    if (const auto disk = diskName(argument)) volumes_ = mountedVolumes(*disk, SystemPaths{});
+  }
+  ~Remount() {
+    if (volumes_.empty()) return;
+    const auto failures =
+        remountVolumes(volumes_, ::geteuid() == 0 ? UnmountMethod::direct : UnmountMethod::udisks);
+    for (const std::string& failure : failures)
+      std::fprintf(stderr, "%s\n", failure.c_str());
+    if (failures.empty()) {
+      std::fprintf(stderr, "Mounted %s again.\n",
+                   volumes_.size() == 1 ? "its volume" : "its volumes");
+    }
+  }
+  Remount(const Remount&) = delete;
+  Remount& operator=(const Remount&) = delete;
+
+ private:
+  std::vector<MountedVolume> volumes_;
+};
+
 QuickCheck::Result quickCheck(const std::string& argument, bool json) {
+  const Remount remount(argument);
   Target target = openTarget(argument, CheckAction::quick);
   // A stopped Quick Check has put every point back before the stop reaches us.
   stopNote() = "Everything the Quick Check wrote was put back; the " + target.noun() +

@@ -44,4 +44,39 @@ std::vector<std::string> unmountVolumes(const std::string& diskName, UnmountMeth
   return reader.mountPoints(diskName);
 }
 
+std::vector<MountedVolume> mountedVolumes(const std::string& diskName, const SystemPaths& paths) {
+  std::vector<MountedVolume> mounted;
+  for (const VolumeFacts& volume : DiskFactsReader(paths).volumes(diskName)) {
+    if (!volume.mountPoints.empty()) {
+      mounted.push_back({"/dev/" + volume.name, volume.mountPoints.front()});
+    }
+  }
+  return mounted;
+}
+
+std::vector<std::string> remountVolumes(const std::vector<MountedVolume>& volumes,
+                                        UnmountMethod method) {
+  std::vector<std::string> failures;
+  for (const MountedVolume& volume : volumes) {
+    std::vector<std::string> argv =
+        method == UnmountMethod::direct
+            ? std::vector<std::string>{"mount", volume.device, volume.mountPoint}
+            : std::vector<std::string>{"udisksctl", "mount", "-b", volume.device};
+    try {
+      const ProcessResult result = runProcess(argv, {}, {{"LC_ALL", "C"}});
+      if (result.status.succeeded()) continue;
+      std::string why = result.standardError;
+      while (!why.empty() && (why.back() == '\n' || why.back() == ' '))
+        why.pop_back();
+      failures.push_back("Couldn't mount " + volume.device + " again at " + volume.mountPoint +
+                         (why.empty() ? "" : " (" + why + ")") +
+                         ". Mount it from your file manager or reinsert the card.");
+    } catch (const std::exception& error) {
+      failures.push_back("Couldn't mount " + volume.device + " again (" + error.what() +
+                         "). Mount it from your file manager or reinsert the card.");
+    }
+  }
+  return failures;
+}
+
 }  // namespace vellum

@@ -18,4 +18,19 @@ enum class UnmountMethod { direct, udisks };
 std::vector<std::string> unmountVolumes(const std::string& diskName, UnmountMethod method,
                                         const SystemPaths& paths);
 
+// A volume of a disk and where it was mounted.
+struct MountedVolume {
+  std::string device;      // "/dev/sdb1"
+  std::string mountPoint;  // its first mount point
+};
+
+// The disk's volumes that are mounted now.
+std::vector<MountedVolume> mountedVolumes(const std::string& diskName, const SystemPaths& paths);
+
+// Mounts each volume again (at its old mount point with `direct`, where
+// udisks chooses with `udisks`). Returns a sentence for each volume that
+// could not be mounted; never throws.
+std::vector<std::string> remountVolumes(const std::vector<MountedVolume>& volumes,
+                                        UnmountMethod method);
+
 }  // namespace vellum

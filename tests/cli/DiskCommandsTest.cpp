@@ -190,6 +190,13 @@ TEST(CliDisk, ErasingUnmountsTheDiskButNeverBacksUpOntoIt) {
     EXPECT_TRUE(contains(carve.err, "the disk being searched")) << carve.err;
   }
   EXPECT_FALSE(std::filesystem::exists(point + "/recovered"));
+  // The Quick Check keeps the files, so it mounts again what it unmounted.
+  writeFile(point + "/photo.jpg", "holiday");
+  const ProcessResult quick = cli({"quick", name});
+  EXPECT_EQ(quick.exitCode, 0) << quick.err;
+  EXPECT_TRUE(contains(quick.err, "Mounted its volume again.")) << quick.err;
+  EXPECT_TRUE(isMounted(point));
+  EXPECT_EQ(readAll(point + "/photo.jpg"), "holiday");
 
   const ProcessResult full = cli({"full", name, "--confirm", name, "--json"});
   EXPECT_EQ(full.exitCode, 0) << full.err;
