@@ -42,33 +42,40 @@ auto runWithProgress(Run&& check) {
 
 // Prints the outcome as the application shows it, or as JSON.
 template <class Result>
-void printOutcome(const Result& result, const std::optional<Card>& card, bool json) {
+void printOutcome(const Result& result, const std::optional<Card>& card, bool json,
+                  const std::string& argument) {
   if (json) {
     printJson(nlohmann::json(result));
-  } else {
-    std::fputs(renderText(ResultSummary(CheckOutcome(result), card)).c_str(), stdout);
+    return;
   }
+  printSummary(ResultSummary(CheckOutcome(result), card), card.has_value(), argument);
 }
 
 // Failures during a check name the target, and a failing medium gets a hint
 // on what to do next.
-[[noreturn]] void rethrowNamingTarget(const std::string& target) {
+[[noreturn]] void rethrowNamingTarget(const std::string& target, std::string_view noun) {
   try {
     throw;
   } catch (const CheckError& error) {
     if (error.is<CheckError::Cancelled>()) throw;
     throw WriteError::refused(target + ": " + error.description());
   } catch (const DeviceError& error) {
-    throw WriteError::refused(target + ": " + error.description() +
-                              ". The card may be failing; a Health Scan shows which areas.");
+    throw WriteError::refused(target + ": " + error.description() + ". The " + std::string(noun) +
+                              " may be failing; a Health Scan shows which areas.");
   } catch (const WriteError& error) {
     if (error.is<WriteError::Refused>() || error.is<WriteError::Removed>()) throw;
-    throw WriteError::refused(target + ": " + error.description() +
-                              ". The card may be failing or write-protected.");
+    throw WriteError::refused(target + ": " + error.description() + ". The " + std::string(noun) +
+                              " may be failing or write-protected.");
   }
 }
 
 }  // namespace
+
+void printSummary(ResultSummary summary, bool hasCard, const std::string& argument) {
+  // An image file has no card row: name the file that was tested instead.
+  if (!hasCard) summary.facts.insert(summary.facts.begin(), {"Image file", argument});
+  std::fputs(renderText(summary).c_str(), stdout);
+}
 
 void printJson(const nlohmann::json& value) {
   // Names from disks and files need not be UTF-8: invalid bytes become
@@ -172,10 +179,10 @@ QuickCheck::Result quickCheck(const std::string& argument, bool json) {
     if (result.verdict == QuickCheck::Result::Verdict::counterfeit && target.identity) {
       markProvenFake(target.identity->deviceIdentifier, result.verifiedBytes);
     }
-    printOutcome(result, target.card, json);
+    printOutcome(result, target.card, json, target.argument);
     return result;
   } catch (const Error&) {
-    rethrowNamingTarget(target.argument);
+    rethrowNamingTarget(target.argument, target.noun());
   }
 }
 
@@ -249,10 +256,10 @@ int runFull(const std::vector<std::string>& words) {
     const FullTest::Result result = runWithProgress([&](auto& cancel, auto progress) {
       return FullTest{}.run(*target->device, cancel, progress);
     });
-    printOutcome(result, target->card, options.has("--json"));
+    printOutcome(result, target->card, options.has("--json"), target->argument);
     return result.verdict == FullTest::Result::Verdict::genuine ? kGoodVerdict : kBadVerdict;
   } catch (const Error&) {
-    rethrowNamingTarget(target->argument);
+    rethrowNamingTarget(target->argument, target->noun());
   }
 }
 
@@ -266,9 +273,9 @@ int runHealth(const std::vector<std::string>& words) {
       return HealthScan{}.run(*source, 512, cancel, progress);
     });
   } catch (const Error&) {
-    rethrowNamingTarget(options.positional()[0]);
+    rethrowNamingTarget(options.positional()[0], nounFor(card));
   }
-  printOutcome(result, card, options.has("--json"));
+  printOutcome(result, card, options.has("--json"), options.positional()[0]);
   return result.verdict == HealthScan::Result::Verdict::healthy ? kGoodVerdict : kBadVerdict;
 }
 
@@ -289,7 +296,7 @@ int runImage(const std::vector<std::string>& words) {
   } catch (const ImageError& error) {
     throw WriteError::refused(imageErrorText(error));
   } catch (const DeviceError&) {
-    rethrowNamingTarget(argument);
+    rethrowNamingTarget(argument, nounFor(card));
   }
   // A disk reads its unreadable sectors as zeros: the image holds zeros there.
   if (const std::int64_t lost = source->badReads(); lost > 0) {

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "summary/ResultSummary.h"
+
 namespace vellum::cli {
 
 // One subcommand: its name, a usage line for --help, and what runs it. run
@@ -32,6 +34,9 @@ int runExport(const std::vector<std::string>& words);
 
 // Prints a JSON value as one line on stdout.
 void printJson(const nlohmann::json& value);
+// Prints a result as the application shows it; an image file (no card) gets
+// an "Image file" row naming it.
+void printSummary(ResultSummary summary, bool hasCard, const std::string& argument);
 
 // Asks for (or checks --confirm against) the word that allows erasing.
 // Returns false when the user did not confirm; prints why.

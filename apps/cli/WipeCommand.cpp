@@ -80,7 +80,8 @@ int runWipe(const std::vector<std::string>& words) {
   if (options.has("--json")) {
     printJson(nlohmann::json(result));
   } else {
-    std::fputs(renderText(ResultSummary(CheckOutcome(result), target->card)).c_str(), stdout);
+    printSummary(ResultSummary(CheckOutcome(result), target->card), target->card.has_value(),
+                 target->argument);
   }
   return result.isComplete() ? kGoodVerdict : kBadVerdict;
 }

@@ -149,6 +149,8 @@ TEST(Cli, ImageFilesAreTestedWipedAndCopied) {
   const ProcessResult health = cli({"health", image}, false);
   EXPECT_EQ(health.exitCode, 0) << health.err;
   EXPECT_TRUE(contains(health.out, "Healthy")) << health.out;
+  EXPECT_TRUE(contains(health.out, "Image file:")) << health.out;
+  EXPECT_TRUE(contains(health.out, image)) << health.out;
   const ProcessResult full = cli({"full", image, "--confirm", "erase", "--json"}, false);
   EXPECT_EQ(full.exitCode, 0) << full.err;
   EXPECT_EQ(nlohmann::json::parse(full.out).at("goodBlocks"), 2048);
