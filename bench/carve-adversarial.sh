@@ -42,13 +42,8 @@ for name in zeros jpeg-then-ff jpeg-every-512 ole2-every-512; do
   cat "$image" >/dev/null
   median=$(for _ in $(seq "$runs"); do
     rm -rf "$dir/out"
-    python3 - "$build/apps/cli/vellum-check" "$image" "$dir/out" <<'PY'
-import subprocess, sys, time
-start = time.monotonic()
-subprocess.run([sys.argv[1], "carve", sys.argv[2], "--out", sys.argv[3], "--catalog"],
-               stdout=subprocess.DEVNULL, check=True)
-print(f"{time.monotonic() - start:.3f}")
-PY
+    python3 "$(dirname "$0")/wall-seconds.py" "$build/apps/cli/vellum-check" carve "$image" \
+      --out "$dir/out" --catalog
   done | sort -g | awk '{a[NR]=$1} END {print a[int((NR + 1) / 2)]}')
   printf '%-16s median of %d: %7.3f s\n' "$name" "$runs" "$median"
   rm -f "$image"

@@ -12,13 +12,8 @@ head -c 1073741824 /dev/urandom >"$image"
 cat "$image" >/dev/null  # into the page cache
 for _ in $(seq "$runs"); do
   rm -rf "$dir/out"
-  python3 - "$build/apps/cli/vellum-check" "$image" "$dir/out" <<'PY'
-import subprocess, sys, time
-start = time.monotonic()
-subprocess.run([sys.argv[1], "carve", sys.argv[2], "--out", sys.argv[3], "--catalog"],
-               stdout=subprocess.DEVNULL, check=True)
-print(f"{time.monotonic() - start:.3f}")
-PY
+  python3 "$(dirname "$0")/wall-seconds.py" "$build/apps/cli/vellum-check" carve "$image" \
+    --out "$dir/out" --catalog
 done | sort -g | awk -v runs="$runs" '{a[NR]=$1} END {
   m = a[int((NR + 1) / 2)]
   printf "median of %d scans of 1 GiB (page cache): %.3f s, %.2f GB/s\n", runs, m, 1.073741824 / m }'
