@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "CarveSamples.h"
 #include "CarverTesting.h"
 #include "support/Subprocess.h"
@@ -66,6 +68,21 @@ TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
   EXPECT_EQ(changed.out, "Saved 3 of 4 files to " + again.string() +
                              ".\n1 changed since the scan and were not saved.\n");
   EXPECT_FALSE(fs::exists(again / "JPG" / "f128.jpg"));
+
+  // A report is a file a person may be sent: one that names a file past the
+  // end of the source, or an extension that leads out of the folder, saves
+  // nothing.
+  std::string text = readText(listing);
+  const std::string past = temp.file("past.json"), escape = temp.file("escape.json");
+  writeFile(past, std::regex_replace(text, std::regex("\"start\": 512"), "\"start\": 1048000"));
+  writeFile(escape, std::regex_replace(text, std::regex("\"ext\": \"png\""), "\"ext\": \"..\""));
+  for (const std::string& bad : {past, escape}) {
+    const fs::path nowhere = temp.path() / "nowhere";
+    const ProcessResult refused = cli({"export", bad, image, "--out", nowhere.string()});
+    EXPECT_EQ(refused.exitCode, 2) << refused.err;
+    EXPECT_NE(refused.err.find("Nothing was saved."), std::string::npos) << refused.err;
+    EXPECT_FALSE(fs::exists(nowhere));
+  }
 }
 
 TEST_F(CarveCommandTest, UsageMistakes) {
