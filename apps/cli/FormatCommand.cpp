@@ -53,16 +53,16 @@ int runFormat(const std::vector<std::string>& words) {
     return kUsage;
   }
 
-  const std::string type(displayName(fileSystem));
-  if (!options.has("--json")) {
-    std::fprintf(stderr, "Formatting %s as %s named %s\u2026\n", identity.deviceIdentifier.c_str(),
-                 type.c_str(), label.c_str());
-  }
   // A stop during formatting waits for the format to finish: stopped between
   // the partition table and the file system, the card would be unusable.
   CancellationFlag stop;
   {
     const SignalCancellation deferred(stop);
+    const std::string type(displayName(fileSystem));
+    if (!options.has("--json")) {
+      std::fprintf(stderr, "Formatting %s as %s named %s\u2026\n",
+                   identity.deviceIdentifier.c_str(), type.c_str(), label.c_str());
+    }
     DiskFormatter::format(identity, fileSystem, label, {}, usable);
   }
   if (stop.isCancelled()) {

@@ -389,6 +389,15 @@ TEST(CliDisk, FormatsALoopDiskAndReportsToolFailures) {
   EXPECT_TRUE(contains(text.out, "Formatted as FAT32 with the name CAM")) << text.out;
   EXPECT_TRUE(contains(text.out, "Disk Image card.img")) << text.out;
 
+  // Ctrl-C while formatting waits for the format, so the card stays usable.
+  const TerminalRun stopped =
+      cliOnTerminal({"format", name, "--name", "late", "--confirm", name}, "Formatting");
+  EXPECT_TRUE(stopped.acted);
+  EXPECT_EQ(stopped.result.exitCode, 0) << stopped.result.out;
+  EXPECT_TRUE(contains(stopped.result.out, "Formatting was finished before stopping"))
+      << stopped.result.out;
+  EXPECT_TRUE(contains(blkid(loop.path() + "p1"), "LABEL=LATE\n"));
+
   // Too small for a partition at 4 MiB: sfdisk's own words.
   createSparseFile(dir.file("tiny.img"), 3 * kMiB);
   LoopDevice tiny(dir.file("tiny.img"));
