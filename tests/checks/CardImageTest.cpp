@@ -1,3 +1,5 @@
+#include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -84,6 +86,17 @@ TEST(CardImage, RefusesDevicesAndExistingFilesAndNeverLeavesAPartialImage) {
             "Couldn't create the backup image " + missing +
                 ": No such file or directory. Choose a folder you can write to.");
   EXPECT_EQ(smallFaulty.reads, 0) << "fails before reading";
+
+  // A disk that fills up keeps no partial image, and the message says so.
+  if (::geteuid() != 0) return;  // mounting a small tmpfs needs root
+  const std::string full = dir.file("full");
+  fs::create_directory(full);
+  ASSERT_EQ(::mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k"), 0);
+  MemorySource big(noise(1 << 20, 4));
+  EXPECT_THAT(errorText([&] { image.save(big, full + "/card.img", CancellationFlag{}); }),
+              ::testing::HasSubstr("No space left on device. The partial image was removed."));
+  EXPECT_TRUE(fs::is_empty(full));
+  ::umount2(full.c_str(), MNT_DETACH);
 }
 
 }  // namespace
