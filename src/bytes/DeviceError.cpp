@@ -1,5 +1,6 @@
 #include "bytes/DeviceError.h"
 
+#include <cerrno>
 #include <type_traits>
 
 namespace vellum {
@@ -28,5 +29,14 @@ std::string describe(const DeviceError::Case& errorCase) {
 }  // namespace
 
 DeviceError::DeviceError(Case errorCase) : ErrorOf(errorCase, describe(errorCase)) {}
+
+bool DeviceError::isMediumFailure() const {
+  const auto* failed = as<ReadFailed>();
+  return failed != nullptr && !deviceIsGone(failed->errnum);
+}
+
+bool deviceIsGone(int errnum) {
+  return errnum == ENODEV || errnum == ENXIO || errnum == ENOMEDIUM;
+}
 
 }  // namespace vellum

@@ -60,6 +60,14 @@ class DeviceError final
   }
   // Another program (such as a running check) is writing the disk.
   static DeviceError inUse(std::string path) { return DeviceError(InUse{std::move(path)}); }
+
+  // A read that failed at a place on the medium (counted into a result),
+  // rather than because the device itself went away or never opened.
+  bool isMediumFailure() const;
 };
+
+// True when an errno means the device itself has gone away (unplugged, card
+// pulled out) rather than that the medium failed at that place.
+bool deviceIsGone(int errnum);
 
 }  // namespace vellum

@@ -1,23 +1,11 @@
 #include "bytes/ZeroFillingSource.h"
 
 #include <algorithm>
-#include <cerrno>
 
 #include "bytes/DeviceError.h"
 #include "bytes/Precondition.h"
 
 namespace vellum {
-
-bool deviceIsGone(int errnum) {
-  return errnum == ENODEV || errnum == ENXIO || errnum == ENOMEDIUM;
-}
-
-namespace {
-void rethrowUnlessMediumFailure(const DeviceError& error) {
-  const auto* failed = error.as<DeviceError::ReadFailed>();
-  if (failed == nullptr || deviceIsGone(failed->errnum)) throw error;
-}
-}  // namespace
 
 ZeroFillingSource::ZeroFillingSource(ByteSource& inner, std::uint64_t sectorSize)
     : inner_(inner), sectorSize_(sectorSize) {
@@ -28,7 +16,7 @@ std::size_t ZeroFillingSource::readInto(std::uint64_t offset, std::span<std::uin
   try {
     return inner_.readInto(offset, out);
   } catch (const DeviceError& error) {
-    rethrowUnlessMediumFailure(error);
+    if (!error.isMediumFailure()) throw;
   }
   if (offset >= size()) return 0;
   const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(out.size(), size() - offset));
@@ -42,7 +30,7 @@ std::size_t ZeroFillingSource::readInto(std::uint64_t offset, std::span<std::uin
     try {
       read = inner_.readInto(position, target) == piece;
     } catch (const DeviceError& error) {
-      rethrowUnlessMediumFailure(error);
+      if (!error.isMediumFailure()) throw;
     }
     if (!read) {
       std::fill(target.begin(), target.end(), std::uint8_t{0});

@@ -33,8 +33,4 @@ class ZeroFillingSource final : public ByteSource {
   std::int64_t badReads_ = 0;
 };
 
-// True when a read error means the device itself has gone away (unplugged,
-// card pulled out) rather than that the medium failed at that place.
-bool deviceIsGone(int errnum);
-
 }  // namespace vellum

@@ -1,7 +1,6 @@
 #include "checks/QuickCheck.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -11,7 +10,6 @@
 #include "bytes/AlignedBuffer.h"
 #include "bytes/Checked.h"
 #include "bytes/DeviceError.h"
-#include "bytes/ZeroFillingSource.h"
 #include "checks/TestPattern.h"
 
 namespace vellum {
@@ -38,13 +36,6 @@ std::optional<std::uint64_t> probedBelow(const Verdicts& verdicts, std::uint64_t
   auto it = verdicts.lower_bound(index);
   if (it == verdicts.begin()) return std::nullopt;
   return std::prev(it)->first;
-}
-
-// A read that failed because the card itself is gone is not a property of the
-// medium: it ends the run instead of being counted.
-bool cardVanished(const DeviceError& error) {
-  const auto* failed = error.as<DeviceError::ReadFailed>();
-  return failed == nullptr || deviceIsGone(failed->errnum);
 }
 
 bool isPowerOfTwo(std::uint64_t value) {
@@ -156,7 +147,7 @@ class Probe {
         originals.emplace(p, device_.read(offsetOf(p), toSigned(unit_)));
         written.push_back(p);
       } catch (const DeviceError& error) {
-        if (cardVanished(error)) throw;
+        if (!error.isMediumFailure()) throw;  // the card is gone
         verdicts.insert_or_assign(p, TestPattern::Corrupt{});
       }
       step();
@@ -180,7 +171,7 @@ class Probe {
           const Bytes back = device_.read(offsetOf(p), TestPattern::blockSize);
           verdicts.insert_or_assign(p, pattern_.verify(back, p));
         } catch (const DeviceError& error) {
-          if (cardVanished(error)) throw;
+          if (!error.isMediumFailure()) throw;  // the card is gone
           verdicts.insert_or_assign(p, TestPattern::Corrupt{});
         }
         step();
@@ -286,7 +277,7 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const Cancellati
       if (n == 0) break;
       readBytes += std::min<std::uint64_t>(n, limit - offset);
     } catch (const DeviceError& error) {
-      if (cardVanished(error)) throw;
+      if (!error.isMediumFailure()) throw;  // the card is gone
       failedSeconds += monotonicSeconds() - before;
       n = kSampleReadBytes;
     }

@@ -239,8 +239,7 @@ Wipe::Result Wipe::run(BlockDevice& device, const CancellationFlag& cancel,
       const std::size_t got = device.readInto(offset, readBack.span().first(n));
       same = got == n && std::memcmp(readBack.data(), expected.data(), n) == 0;
     } catch (const DeviceError& error) {
-      const auto* failed = error.as<DeviceError::ReadFailed>();
-      if (failed == nullptr || deviceIsGone(failed->errnum)) throw;
+      if (!error.isMediumFailure()) throw;  // the card is gone
     }
     // The whole chunk counts: the pass does not look for the blocks within it.
     if (!same) {

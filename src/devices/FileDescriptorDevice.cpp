@@ -161,7 +161,7 @@ void FileDescriptorDevice::writeCached(std::uint64_t offset, std::span<const std
 }
 
 bool FileDescriptorDevice::isGone(int errnum) const {
-  if (errnum == ENODEV || errnum == ENXIO || errnum == ENOMEDIUM) return true;
+  if (deviceIsGone(errnum)) return true;
   // A pulled USB card mostly fails with EIO; its sysfs entry is gone by then.
   struct stat status {};
   if (::fstat(fd_.get(), &status) != 0 || !S_ISBLK(status.st_mode)) return false;

@@ -33,9 +33,11 @@ TEST(DiskFormatter, RecommendsExfatAbove32GigabytesAndSanitizesNamesForEveryCame
       {"a_b.c", "A_BC"},
       {"\xF0\x9F\x93\xB7 cam", "CAM"},
       {"  x  y  ", "XY"},
-      {"stra\xC3\x9F" "e", "STRASSE"},            // ß upper-cases to SS
-      {"\xEF\xAC\x81le \xC4\xB1", "FILEI"},       // the ﬁ ligature and dotless ı
-      {"\xFF\xFEok\xC3", "OK"},                  // malformed UTF-8 is skipped
+      {"stra\xC3\x9F"
+       "e",
+       "STRASSE"},                           // ß upper-cases to SS
+      {"\xEF\xAC\x81le \xC4\xB1", "FILEI"},  // the ﬁ ligature and dotless ı
+      {"\xFF\xFEok\xC3", "OK"},              // malformed UTF-8 is skipped
       {"\xC3\x9F\xC3\x9F\xC3\x9F\xC3\x9F\xC3\x9F\xC3\x9F", "SSSSSSSSSSS"},  // 11 at most
   };
   for (const auto& [name, expected] : names)

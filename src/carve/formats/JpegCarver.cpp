@@ -55,7 +55,7 @@ class JpegCarver final : public FormatCarver {
   // The last 0xFF of the run of fill bytes from p on (erased flash reads as
   // 0xFF, so the run can be long: it is skipped a block at a time).
   static std::uint64_t lastFillByte(std::uint64_t p, std::uint64_t limit, ReadContext& context) {
-    std::array<std::uint8_t, 65'536> block{};
+    std::array<std::uint8_t, 65'536> block;  // filled by each read before use
     while (p < limit) {
       const std::size_t n = context.bytesInto(p, block);
       if (n == 0) return p;
