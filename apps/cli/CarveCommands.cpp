@@ -9,7 +9,7 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Options.h"
-#include "Target.h"
+#include "Run.h"
 #include "Terminal.h"
 #include "bytes/ByteCountFormat.h"
 #include "bytes/DeviceError.h"
@@ -145,8 +145,8 @@ int runCarve(const std::vector<std::string>& words) {
   if (chunk % stride != 0) throw UsageError("--chunk must be a multiple of --stride.");
 
   checkOutputFolder(options.positional()[0], *out);
-  std::optional<Card> card;
-  const std::unique_ptr<ByteSource> source = openSource(options.positional()[0], card);
+  RunTarget target = resolveTarget(options.positional()[0]);
+  const OpenedSource source = session().openForReading(target);
   CarveEngine engine(*source,
                      CarveEngine::Config{parseCategories(options.value("--categories")), *out,
                                          options.has("--catalog") ? CarveEngine::OutputMode::catalog
@@ -195,8 +195,8 @@ int runExport(const std::vector<std::string>& words) {
                        error.what() + "). Nothing was saved.");
     }
   }
-  std::optional<Card> card;
-  const std::unique_ptr<ByteSource> source = openSource(options.positional()[1], card);
+  RunTarget target = resolveTarget(options.positional()[1]);
+  const OpenedSource source = session().openForReading(target);
   for (const CarvedFile& file : report.files) {
     if (file.start + file.length > source->size()) {
       throw UsageError(reportPath + " lists a file at offset " + std::to_string(file.start) +

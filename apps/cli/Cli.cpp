@@ -7,6 +7,7 @@
 #include "Options.h"
 #include "Terminal.h"
 #include "checks/CheckTypes.h"
+#include "session/RunError.h"
 
 namespace vellum::cli {
 namespace {
@@ -142,10 +143,26 @@ int run(const std::vector<std::string>& arguments) {
       std::fprintf(stderr, "vellum-check %s: %s\nUsage: vellum-check %.*s\n", name.c_str(),
                    error.what(), static_cast<int>(command.usage.size()), command.usage.data());
       return kUsage;
+    } catch (const RunError& error) {
+      if (error.is<RunError::Cancelled>()) {
+        std::fprintf(stderr, "%s\n%s\n", CheckError::cancelled().what(), error.what());
+        return kCancelled;
+      }
+      if (error.is<RunError::NotConfirmed>()) return kUsage;  // the prompt said why
+      if (error.is<RunError::NeedsQuickCheck>() && command.name != "quick") {
+        // The form that lifts the limit on the command line.
+        const std::string& disk = error.as<RunError::NeedsQuickCheck>()->disk;
+        std::fprintf(stderr,
+                     "vellum-check: %s On the command line: vellum-check quick %s --then %s "
+                     "--confirm %s.\n",
+                     error.what(), disk.c_str(), name.c_str(), disk.c_str());
+        return kCouldNotRun;
+      }
+      std::fprintf(stderr, "vellum-check: %s\n", error.what());
+      return kCouldNotRun;
     } catch (const CheckError& error) {
       if (error.is<CheckError::Cancelled>()) {
         std::fprintf(stderr, "%s\n", error.what());
-        if (!stopNote().empty()) std::fprintf(stderr, "%s\n", stopNote().c_str());
         return kCancelled;
       }
       std::fprintf(stderr, "vellum-check: %s\n", error.what());

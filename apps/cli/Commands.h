@@ -1,11 +1,14 @@
 #pragma once
 
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Options.h"
+#include "session/Session.h"
 #include "summary/ResultSummary.h"
 
 namespace vellum::cli {
@@ -38,9 +41,10 @@ void printJson(const nlohmann::json& value);
 // an "Image file" row naming it.
 void printSummary(ResultSummary summary, bool hasCard, const std::string& argument);
 
-// Asks for (or checks --confirm against) the word that allows erasing.
-// Returns false when the user did not confirm; prints why.
-bool confirmErase(const std::string& what, const std::string& word,
-                  const std::optional<std::string>& given);
+// Runs ACTION on TARGET through the session (--backup, --force, --confirm and
+// --json as the command knows them; configure adds the rest), prints the
+// outcome and returns the exit code of its verdict.
+int runAction(CheckAction action, const std::string& argument, const Options& options,
+              const std::function<void(RunRequest&)>& configure);
 
 }  // namespace vellum::cli

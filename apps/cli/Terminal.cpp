@@ -45,11 +45,6 @@ const char* phaseText(CheckProgress::Phase phase) {
 
 }  // namespace
 
-std::string& stopNote() {
-  static std::string note;
-  return note;
-}
-
 bool stdinIsTerminal() {
   return ::isatty(STDIN_FILENO) == 1;
 }

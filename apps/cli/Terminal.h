@@ -49,10 +49,6 @@ class SignalCancellation {
   SignalCancellation& operator=(const SignalCancellation&) = delete;
 };
 
-// What the user should know when a run is stopped (printed after "The test
-// was stopped."): set by a command as the state of the card changes.
-std::string& stopNote();
-
 bool stdinIsTerminal();
 bool stderrIsTerminal();
 

@@ -25,6 +25,10 @@ std::string describe(const WriteError::Case& errorCase) {
           return c.path +
                  " was removed while it was being written. Insert it again and check "
                  "it before trusting what it holds.";
+        } else if constexpr (std::is_same_v<C, WriteError::NeedsQuickCheck>) {
+          return c.name +
+                 " reports more than 4 TB. Vellum only erases drives that size after a Quick "
+                 "Check shows the capacity is fake. Run a Quick Check first.";
         } else {
           return c.message;
         }

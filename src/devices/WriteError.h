@@ -42,6 +42,12 @@ struct Removed {
   std::string path;
   bool operator==(const Removed&) const = default;
 };
+// A disk over 4 TB that no Quick Check has yet proven fake: erasing it is
+// refused, a Quick Check is not.
+struct NeedsQuickCheck {
+  std::string name;
+  bool operator==(const NeedsQuickCheck&) const = default;
+};
 }  // namespace write_error
 
 // Every failure on the write side: bad requests, failed writes, and refusals
@@ -49,7 +55,8 @@ struct Removed {
 class WriteError final
     : public ErrorOf<write_error::Unaligned, write_error::OutOfRange, write_error::WriteFailed,
                      write_error::CannotOpen, write_error::AuthorizationDenied,
-                     write_error::Refused, write_error::Removed> {
+                     write_error::Refused, write_error::Removed,
+                     write_error::NeedsQuickCheck> {
  public:
   using Unaligned = write_error::Unaligned;
   using OutOfRange = write_error::OutOfRange;
@@ -58,6 +65,7 @@ class WriteError final
   using AuthorizationDenied = write_error::AuthorizationDenied;
   using Refused = write_error::Refused;
   using Removed = write_error::Removed;
+  using NeedsQuickCheck = write_error::NeedsQuickCheck;
 
   explicit WriteError(Case errorCase);
 
@@ -79,6 +87,9 @@ class WriteError final
   static WriteError refused(std::string message) { return WriteError(Refused{std::move(message)}); }
   // The device went away (unplugged, card pulled out) while it was in use.
   static WriteError removed(std::string path) { return WriteError(Removed{std::move(path)}); }
+  static WriteError needsQuickCheck(std::string name) {
+    return WriteError(NeedsQuickCheck{std::move(name)});
+  }
 };
 
 }  // namespace vellum

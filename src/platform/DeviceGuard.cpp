@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <regex>
 
 #include "devices/WriteError.h"
@@ -25,11 +24,6 @@ bool looksLikePartition(const std::string& name) {
   static const std::regex partition(
       "^((sd|vd|hd|xvd)[a-z]+[0-9]+|(mmcblk|loop|nbd|md|nvme[0-9]+n)[0-9]+p[0-9]+)$");
   return std::regex_match(name, partition);
-}
-
-bool diskImagesAllowed() {
-  const char* value = std::getenv("VL_ALLOW_DISK_IMAGES");
-  return value != nullptr && std::string(value) == "1";
 }
 
 std::string joined(const std::vector<std::string>& items) {
@@ -62,7 +56,7 @@ DiskIdentity DeviceGuard::inspect(const std::string& deviceIdentifier, Allowance
                               "external drives.");
   }
   if (facts->virtualOrPhysical == "Virtual" &&
-      !(facts->busProtocol == "Disk Image" && diskImagesAllowed())) {
+      !(facts->busProtocol == "Disk Image" && paths.allowDiskImages)) {
     // A disk image attached with losetup can be tested on purpose; say how.
     throw WriteError::refused(name + " is a virtual disk, not a card." +
                               (facts->busProtocol == "Disk Image"
@@ -113,9 +107,7 @@ std::vector<std::string> DeviceGuard::mountedVolumes(const std::string& deviceId
 
 void DeviceGuard::checkSize(std::uint64_t size, const std::string& name, Allowance allowance) {
   if (allowance == Allowance::standard && size > maximumSize) {
-    throw WriteError::refused(name +
-                              " reports more than 4 TB. Vellum only erases drives that size after "
-                              "a Quick Check shows the capacity is fake. Run a Quick Check first.");
+    throw WriteError::needsQuickCheck(name);
   }
   if (allowance == Allowance::claimedCapacity && size > maximumClaimedSize) {
     throw WriteError::refused(name + " reports more than 64 TB. Vellum won't write to it.");

@@ -121,7 +121,7 @@ TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
       {{"quick", "sdzz"}, 3, "vellum-check: sdzz wasn't found. Was the card removed?"},
       {{"full", "/dev/null", "--confirm", "null"}, 3, "vellum-check: null wasn't found. Was the card removed?"},
       {{"image", "demo:genuine", dir.file("no/such/folder.img")}, 3, dir.file("no/such/folder.img")},
-      {{"image", image, image}, 2, "can't replace its own source"},
+      {{"image", image, image}, 3, "can't replace its own source"},
       // clang-format on
   };
   for (const Case& c : cases) {

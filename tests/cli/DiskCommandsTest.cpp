@@ -175,8 +175,8 @@ TEST(CliDisk, ErasingUnmountsTheDiskButNeverBacksUpOntoIt) {
 
   const std::string onCard = point + "/backup.img";
   const ProcessResult refused = cli({"full", name, "--backup", onCard, "--confirm", name});
-  EXPECT_EQ(refused.exitCode, 2);
-  EXPECT_TRUE(contains(refused.err, "vellum-check full: " + onCard +
+  EXPECT_EQ(refused.exitCode, 3);
+  EXPECT_TRUE(contains(refused.err, "vellum-check: " + onCard +
                                         " is on the card that is about to be erased. Save the "
                                         "backup on another disk.\n"))
       << refused.err;
