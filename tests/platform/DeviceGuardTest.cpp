@@ -119,16 +119,19 @@ TEST(DeviceGuard, RefusesInRuleOrderWithTheExactTexts) {
   // Disk images pass only with the variable exactly "1"; other virtual disks never.
   for (const char* value : {"true", "yes", "1 ", "01", "", "2"}) {
     const testing::ScopedEnv env("VL_ALLOW_DISK_IMAGES", value);
-    EXPECT_EQ(
-        refusal("loop0", standard, fake.paths()),
-        "loop0 is a virtual disk, not a card." +
-            std::string(" To test the disk image behind it anyway, set VL_ALLOW_DISK_IMAGES=1."))
-        << value;
+    EXPECT_FALSE(SystemPaths::environmentAllowsDiskImages()) << value;
   }
+  EXPECT_EQ(
+      refusal("loop0", standard, fake.paths()),
+      "loop0 is a virtual disk, not a card." +
+          std::string(" To test the disk image behind it anyway, set VL_ALLOW_DISK_IMAGES=1."));
   const testing::ScopedEnv env("VL_ALLOW_DISK_IMAGES", "1");
-  EXPECT_EQ(refusal("loop0", standard, fake.paths()), "");
+  EXPECT_TRUE(SystemPaths::environmentAllowsDiskImages());
+  SystemPaths allowing = fake.paths();
+  allowing.allowDiskImages = true;
+  EXPECT_EQ(refusal("loop0", standard, allowing), "");
   fake.disk("nbd0", "virtual", Disk{.dev = "43:0", .sectors = 100});
-  EXPECT_EQ(refusal("nbd0", standard, fake.paths()), internal("nbd0"));
+  EXPECT_EQ(refusal("nbd0", standard, allowing), internal("nbd0"));
 }
 
 TEST(DeviceGuard, IdentityRecordsWhatWasSeenAndRevalidateCatchesEveryChange) {
