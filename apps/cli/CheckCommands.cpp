@@ -76,8 +76,7 @@ int runAction(CheckAction action, const std::string& argument, const Options& op
   request.replaceBackup = options.has("--force");
   if (configure) configure(request);
   const bool json = options.has("--json");
-  const CheckOutcome outcome =
-      runRequest(request, options.value("--confirm"), json);
+  const CheckOutcome outcome = runRequest(request, options.value("--confirm"), json);
   printOutcome(outcome, request.target, json);
   return exitCodeOf(outcome);
 }

@@ -55,8 +55,7 @@ struct NeedsQuickCheck {
 class WriteError final
     : public ErrorOf<write_error::Unaligned, write_error::OutOfRange, write_error::WriteFailed,
                      write_error::CannotOpen, write_error::AuthorizationDenied,
-                     write_error::Refused, write_error::Removed,
-                     write_error::NeedsQuickCheck> {
+                     write_error::Refused, write_error::Removed, write_error::NeedsQuickCheck> {
  public:
   using Unaligned = write_error::Unaligned;
   using OutOfRange = write_error::OutOfRange;

@@ -51,8 +51,8 @@ struct Failed {
 // the application shows; the case lets a front end tell the kinds apart.
 class RunError final
     : public ErrorOf<run_error::Cancelled, run_error::NotConfirmed, run_error::Refused,
-                     run_error::NeedsQuickCheck, run_error::BackupFailed,
-                     run_error::DeviceFailing, run_error::Failed> {
+                     run_error::NeedsQuickCheck, run_error::BackupFailed, run_error::DeviceFailing,
+                     run_error::Failed> {
  public:
   using Cancelled = run_error::Cancelled;
   using NotConfirmed = run_error::NotConfirmed;

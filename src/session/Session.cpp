@@ -373,7 +373,8 @@ CheckOutcome Session::runAction(RunRequest& request, const std::optional<DiskIde
         for (const std::string& sentence : failures)
           tell(hooks, sentence);
         if (failures.empty()) {
-          tell(hooks, mounted.size() == 1 ? "Mounted its volume again." : "Mounted its volumes again.");
+          tell(hooks,
+               mounted.size() == 1 ? "Mounted its volume again." : "Mounted its volumes again.");
         }
       }
       if (failure) std::rethrow_exception(failure);
@@ -424,8 +425,8 @@ CheckOutcome Session::runAction(RunRequest& request, const std::optional<DiskIde
       // table and the file system, the card would be unusable.
       platform_.format(*identity, fileSystem, label, usable);
       if (cancel.isCancelled()) {
-        tell(hooks, "Formatting was finished before stopping, so the " + target.noun() +
-                        " is usable.");
+        tell(hooks,
+             "Formatting was finished before stopping, so the " + target.noun() + " is usable.");
       }
       return Formatted{fileSystem, label, usable};
     }
