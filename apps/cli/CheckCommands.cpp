@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
@@ -7,6 +8,7 @@
 #include "Cli.h"
 #include "Commands.h"
 #include "Options.h"
+#include "Report.h"
 #include "Run.h"
 #include "Terminal.h"
 #include "summary/ResultSummary.h"
@@ -75,9 +77,17 @@ int runAction(CheckAction action, const std::string& argument, const Options& op
   if (const auto backup = options.value("--backup")) request.backupTo = *backup;
   request.replaceBackup = options.has("--force");
   if (configure) configure(request);
+  // A report that could not be saved is found out before the card is touched.
+  if (const auto report = options.value("--report");
+      report && std::filesystem::exists(*report) && !std::filesystem::is_directory(*report)) {
+    throw UsageError(*report + " already exists. Give --report a new file name or a folder.");
+  }
   const bool json = options.has("--json");
   const CheckOutcome outcome = runRequest(request, options.value("--confirm"), json);
   printOutcome(outcome, request.target, json);
+  if (const auto report = options.value("--report")) {
+    saveReport(*report, outcome, request.action, request.target);
+  }
   return exitCodeOf(outcome);
 }
 
@@ -95,13 +105,21 @@ struct FollowUp {
 
 const FollowUp& followUp(const std::string& name) {
   static const FollowUp kFollowUps[] = {
-      {"full", CheckAction::full, {"--json", "--force"}, {"--confirm", "--backup"}, runFull},
+      {"full",
+       CheckAction::full,
+       {"--json", "--force"},
+       {"--confirm", "--backup", "--report"},
+       runFull},
       {"wipe",
        CheckAction::wipe,
        {"--json", "--force"},
-       {"--confirm", "--method", "--backup"},
+       {"--confirm", "--method", "--backup", "--report"},
        runWipe},
-      {"format", CheckAction::format, {"--json"}, {"--fs", "--name", "--confirm"}, runFormat},
+      {"format",
+       CheckAction::format,
+       {"--json"},
+       {"--fs", "--name", "--confirm", "--report"},
+       runFormat},
   };
   for (const FollowUp& next : kFollowUps) {
     if (next.name == name) return next;
@@ -166,17 +184,17 @@ int runQuick(const std::vector<std::string>& words) {
     }
   }
   if (then) return runQuickThen(*then, rest);
-  const Options options(rest, {"--json"}, {}, 1, 1);
+  const Options options(rest, {"--json"}, {"--report"}, 1, 1);
   return runAction(CheckAction::quick, options.positional()[0], options, {});
 }
 
 int runFull(const std::vector<std::string>& words) {
-  const Options options(words, {"--json", "--force"}, {"--confirm", "--backup"}, 1, 1);
+  const Options options(words, {"--json", "--force"}, {"--confirm", "--backup", "--report"}, 1, 1);
   return runAction(CheckAction::full, options.positional()[0], options, {});
 }
 
 int runHealth(const std::vector<std::string>& words) {
-  const Options options(words, {"--json"}, {}, 1, 1);
+  const Options options(words, {"--json"}, {"--report"}, 1, 1);
   return runAction(CheckAction::health, options.positional()[0], options, {});
 }
 

@@ -6,7 +6,7 @@
 namespace vellum::cli {
 
 int runFormat(const std::vector<std::string>& words) {
-  const Options options(words, {"--json"}, {"--fs", "--name", "--confirm"}, 1, 1);
+  const Options options(words, {"--json"}, {"--fs", "--name", "--confirm", "--report"}, 1, 1);
   // Checked before the guard runs, so a typo costs nothing.
   FormatChoice choice{std::nullopt, options.value("--name").value_or("")};
   if (const auto given = options.value("--fs")) {

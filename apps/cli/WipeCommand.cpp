@@ -6,7 +6,8 @@
 namespace vellum::cli {
 
 int runWipe(const std::vector<std::string>& words) {
-  const Options options(words, {"--json", "--force"}, {"--confirm", "--method", "--backup"}, 1, 1);
+  const Options options(words, {"--json", "--force"},
+                        {"--confirm", "--method", "--backup", "--report"}, 1, 1);
   // Checked before anything else, so a typo costs nothing.
   Wipe::Method method = Wipe::Method::zeros;
   if (const auto given = options.value("--method")) {

@@ -78,6 +78,30 @@ TEST(Cli, DemoCardRuns) {
   EXPECT_TRUE(nlohmann::json::parse(list.out).is_array()) << list.out;
 }
 
+TEST(Cli, SavesTheReportTheApplicationSaves) {
+  const TempDir dir;
+  // A folder gets the proposed name; the certificate is said to be one.
+  const ProcessResult wipe =
+      cli({"wipe", "demo:genuine", "--confirm", "erase", "--report", dir.path().string()}, false);
+  ASSERT_EQ(wipe.exitCode, 0) << wipe.err;
+  std::vector<std::filesystem::path> saved;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
+    saved.push_back(entry.path());
+  ASSERT_EQ(saved.size(), 1u);
+  EXPECT_TRUE(
+      std::regex_match(saved[0].filename().string(),
+                       std::regex(R"(Vellum Wipe Demo card \(genuine\) \d{4}-\d\d-\d\d\.pdf)")))
+      << saved[0];
+  EXPECT_EQ(wipe.err, "Saved the certificate of erasure to " + saved[0].string() + ".\n");
+
+  // An existing file is refused before the card is touched.
+  const ProcessResult again =
+      cli({"full", "demo:genuine", "--confirm", "erase", "--report", saved[0].string()}, false);
+  EXPECT_EQ(again.exitCode, 2);
+  EXPECT_TRUE(contains(again.err, "already exists")) << again.err;
+  EXPECT_TRUE(again.out.empty()) << again.out;
+}
+
 TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
   TempDir dir;
   writeFile(dir.file("tiny.img"), randomBytes(15 * 4096, 7));
