@@ -15,7 +15,6 @@
 #include "devices/FileDescriptorDevice.h"
 #include "devices/WriteError.h"
 #include "platform/DiskFormatter.h"
-#include "platform/Process.h"
 
 namespace vellum {
 namespace {
@@ -71,7 +70,8 @@ std::filesystem::path folderOf(const std::filesystem::path& destination) {
   return error ? destination.parent_path() : resolved.parent_path();
 }
 
-std::string withStop(std::string text) {
+// Ends a lower layer's text with a full stop, so another sentence can follow.
+std::string asSentence(std::string text) {
   if (!text.empty() && text.back() != '.') text += '.';
   return text;
 }
@@ -138,7 +138,7 @@ std::string whatAStopLeaves(CheckAction action, const RunTarget& target) {
         error.path1().string() + " (" + error.code().message() +
         "). Make room in the temporary folder, or point TMPDIR at another one, and wipe again."});
   } catch (const Error& error) {
-    throw RunError(RunError::Failed{withStop(error.description())});
+    throw RunError(RunError::Failed{asSentence(error.description())});
   }
 }
 
@@ -289,13 +289,13 @@ void Session::backUp(const RunRequest& request, const CancellationFlag& cancel,
       throw RunError(RunError::Cancelled{
           "The backup was stopped before anything was written: nothing was erased."});
     }
-    throw RunError(RunError::BackupFailed{withStop(error.description())});
+    throw RunError(RunError::BackupFailed{asSentence(error.description())});
   } catch (const ImageError& error) {
-    std::string reason = withStop(error.description());
+    std::string reason = asSentence(error.description());
     if (error.is<ImageError::AlreadyExists>()) reason += " Choose to replace it, or another name.";
     throw RunError(RunError::BackupFailed{reason});
   } catch (const Error& error) {
-    throw RunError(RunError::BackupFailed{withStop(error.description())});
+    throw RunError(RunError::BackupFailed{asSentence(error.description())});
   }
 }
 
@@ -443,7 +443,7 @@ std::int64_t Session::saveImage(RunTarget& target, const std::filesystem::path& 
     CardImage{.chunkBytes = kChunkBytes, .replaceExisting = replace}.save(
         *source, destination.string(), cancel, hooks.progress);
   } catch (const ImageError& error) {
-    std::string reason = withStop(error.description());
+    std::string reason = asSentence(error.description());
     if (error.is<ImageError::AlreadyExists>()) reason += " Add --force to replace it.";
     refuse(reason);
   } catch (...) {
