@@ -38,6 +38,15 @@ std::optional<SimulatedCard> simulatedCardFromRawValue(std::string_view text) {
   return std::nullopt;
 }
 
+std::vector<Card> demoCards() {
+  // Emplaced, not pushed: GCC 12 wrongly reports a moved-from temporary card
+  // as uninitialized.
+  std::vector<Card> cards(kAllSimulatedCards.size());
+  for (std::size_t index = 0; index < cards.size(); ++index)
+    cards[index].kind.emplace<SimulatedCard>(kAllSimulatedCards[index]);
+  return cards;
+}
+
 std::uint64_t claimedBytes(SimulatedCard card) {
   return card == SimulatedCard::fake ? 512 * kMiB : 256 * kMiB;
 }

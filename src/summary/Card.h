@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "devices/ExternalDisk.h"
 #include "devices/SimulatedDevice.h"
@@ -60,6 +61,9 @@ struct Card {
   // "drive" for a drive, "card" for a memory card or a demo card.
   std::string_view noun() const { return isDrive() ? "drive" : "card"; }
 };
+
+// The three demo cards, in list order: genuine, fake, failing.
+std::vector<Card> demoCards();
 
 // The noun for an optional card: "card" when there is none.
 inline std::string_view nounFor(const std::optional<Card>& card) {

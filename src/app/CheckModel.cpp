@@ -1,0 +1,258 @@
+#include "app/CheckModel.h"
+
+#include <QMetaObject>
+#include <QSettings>
+#include <algorithm>
+#include <cmath>
+
+namespace vellum {
+namespace {
+
+QString qText(const std::string& text) {
+  return QString::fromStdString(text);
+}
+
+// Samples of the speed chart: phases that move data at the card's speed.
+bool addsSpeedSample(const CheckProgress& progress) {
+  return progress.bytesPerSecond && progress.phase != CheckProgress::Phase::probing &&
+         progress.phase != CheckProgress::Phase::restoring;
+}
+
+}  // namespace
+
+void ProgressRelay::send(const CheckProgress& progress) const {
+  deliver([progress](CheckModel& model) { model.update(progress); });
+}
+
+void ProgressRelay::deliver(std::function<void(CheckModel&)> call) const {
+  // Posting under the lock: the model cannot be destroyed meanwhile, and a
+  // call still queued when it is destroyed is discarded with it.
+  const std::lock_guard lock(link_->mutex);
+  CheckModel* model = link_->model;
+  if (!model) return;
+  QMetaObject::invokeMethod(
+      model, [model, call = std::move(call)] { call(*model); }, Qt::QueuedConnection);
+}
+
+CheckModel::CheckModel(std::unique_ptr<DiskPlatform> platform, QObject* parent)
+    : QObject(parent),
+      simulate_(QSettings().value("VLSimulateCards", false).toBool()),
+      platform_(std::move(platform)),
+      session_(std::make_unique<Session>(*platform_)) {
+  link_->model = this;
+  // One run and the refresh that may overlap its end.
+  workers_.setMaxThreadCount(2);
+}
+
+CheckModel::~CheckModel() {
+  {
+    const std::lock_guard lock(link_->mutex);
+    link_->model = nullptr;
+  }
+  cancelFlag_->cancel();
+  workers_.waitForDone();
+}
+
+bool CheckModel::isProvenFake(const Card& card) const {
+  const ExternalDisk* disk = card.disk();
+  return disk && session_->provenFake(disk->deviceIdentifier).has_value();
+}
+
+int CheckModel::step() const {
+  if (std::holds_alternative<Running>(stage_)) return 2;
+  if (std::holds_alternative<Result>(stage_)) return 4;
+  return selected_ ? 1 : 0;
+}
+
+QString CheckModel::stepStatus() const {
+  const QString noun = qText(std::string(nounFor(selected_)));
+  if (const auto* running = std::get_if<Running>(&stage_)) {
+    const QString title = qText(std::string(vellum::title(running->action)));
+    if (progress_ && progress_->total > 0) {
+      // Truncated, so 99.9% never shows as done.
+      const auto percent = static_cast<int>(std::floor(100.0 * progress_->fraction()));
+      return title + ": " + QString::number(percent) + "%. Keep the " + noun + " connected.";
+    }
+    return title + " is starting\u2026";
+  }
+  if (const auto* result = std::get_if<Result>(&stage_)) {
+    return qText(std::string(vellum::title(result->action))) +
+           " finished. The verdict and what to do next are below.";
+  }
+  if (std::holds_alternative<Failed>(stage_)) {
+    return "The test couldn't finish. See the message below.";
+  }
+  if (!selected_) return "Insert a card or drive and choose it below.";
+  return "Pick a test. Quick Check is the place to start: about a minute, and it keeps your "
+         "files.";
+}
+
+void CheckModel::setStage(Stage stage) {
+  stage_ = std::move(stage);
+  emit stageChanged();
+  emit stepChanged();
+}
+
+void CheckModel::setProgress(LiveProgress progress) {
+  if (progress_ == progress) return;
+  progress_ = std::move(progress);
+  emit progressChanged();
+  emit stepChanged();
+}
+
+void CheckModel::setStatusLine(const QString& text) {
+  if (statusLine_ == text) return;
+  statusLine_ = text;
+  emit statusLineChanged();
+}
+
+void CheckModel::setIsRefreshing(bool refreshing) {
+  if (isRefreshing_ == refreshing) return;
+  isRefreshing_ = refreshing;
+  emit isRefreshingChanged();
+}
+
+void CheckModel::select(const SelectedCard& card) {
+  if (selected_ == card) return;
+  selected_ = card;
+  emit selectedChanged();
+  emit stepChanged();
+}
+
+void CheckModel::refresh() {
+  setIsRefreshing(true);
+  const int generation = ++refreshGeneration_;
+  const ProgressRelay relay(link_);
+  // In demo mode the real disks are deliberately not listed, so there is
+  // nothing to ask the system.
+  DiskPlatform* platform = simulate_ ? nullptr : platform_.get();
+  workers_.start([relay, generation, platform] {
+    std::vector<ExternalDisk> disks;
+    if (platform) disks = platform->externalDisks(false);
+    relay.deliver([generation, disks = std::move(disks)](CheckModel& model) {
+      model.applyDiskList(generation, disks);
+    });
+  });
+}
+
+void CheckModel::applyDiskList(int generation, const std::vector<ExternalDisk>& disks) {
+  // An older refresh that ended late must not undo a newer one.
+  if (generation != refreshGeneration_) return;
+  CardList cards;
+  if (simulate_) {
+    cards = demoCards();
+  } else {
+    for (const ExternalDisk& disk : disks)
+      cards.push_back(Card{disk});
+  }
+  if (cards != cards_) {
+    cards_ = std::move(cards);
+    emit cardsChanged();
+  }
+  setIsRefreshing(false);
+  // Disks are equal only in every field: one renamed or formatted since is
+  // another card, and is no longer selected.
+  if (selected_ && std::find(cards_.begin(), cards_.end(), *selected_) == cards_.end()) {
+    select(std::nullopt);
+  }
+  if (!selected_ && simulate_ && !cards_.empty()) select(cards_.front());
+}
+
+void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> backupTo,
+                     std::optional<FormatChoice> format) {
+  if (!selected_ || isRunning()) return;
+  cancelFlag_ = std::make_shared<CancellationFlag>();
+  setProgress(std::nullopt);
+  speedHistory_.clear();
+  emit speedHistoryChanged();
+  const Card card = *selected_;
+  setStatusLine(card.disk() ? "Waiting for access to the " + qText(std::string(card.noun())) +
+                                  ". You may be asked for an administrator password."
+                            : QStringLiteral("Starting\u2026"));
+  setStage(Running{action});
+  // Made now, on this thread, so the demo card's device exists before the
+  // run needs it.
+  if (const auto simulated = card.simulated()) session_->simulatedDevice(*simulated);
+
+  // The save panel has already asked before replacing a file.
+  RunRequest request{action, RunTarget::of(card), std::move(backupTo), true, std::move(format)};
+  const ProgressRelay relay(link_);
+  workers_.start([session = session_.get(), relay, request = std::move(request),
+                  cancel = cancelFlag_]() mutable {
+    RunHooks hooks;
+    hooks.status = [relay](StatusKind, const std::string& text) {
+      relay.deliver([line = qText(text)](CheckModel& model) { model.setStatusLine(line); });
+    };
+    hooks.progress = [relay](const CheckProgress& progress) { relay.send(progress); };
+    hooks.notice = [relay](const std::string& text) {
+      relay.deliver([line = qText(text)](CheckModel& model) { emit model.notice(line); });
+    };
+    const CheckAction ran = request.action;
+    try {
+      CheckOutcome outcome = session->run(request, *cancel, hooks);
+      relay.deliver(
+          [ran, outcome = std::move(outcome)](CheckModel& model) { model.finish(ran, outcome); });
+    } catch (const RunError& error) {
+      if (const auto* cancelled = error.as<RunError::Cancelled>()) {
+        relay.deliver([left = qText(cancelled->whatItLeft)](CheckModel& model) {
+          model.backHome();
+          emit model.notice(left);
+        });
+      } else {
+        relay.deliver(
+            [message = qText(error.description())](CheckModel& model) { model.fail(message); });
+      }
+    }
+  });
+}
+
+void CheckModel::update(const CheckProgress& progress) {
+  // A late progress of a run that has ended must not bring it back.
+  if (!isRunning()) return;
+  setProgress(progress);
+  if (!addsSpeedSample(progress)) return;
+  speedHistory_.append(*progress.bytesPerSecond / 1'000'000.0);
+  if (speedHistory_.size() > kMaxSpeedSamples) {
+    speedHistory_.remove(0, speedHistory_.size() - kMaxSpeedSamples);
+  }
+  emit speedHistoryChanged();
+}
+
+void CheckModel::finish(CheckAction action, CheckOutcome outcome) {
+  // The session has recorded a disk this Quick Check proved fake.
+  setStage(Result{action, std::move(outcome), QDateTime::currentDateTime()});
+  setProgress(std::nullopt);
+  // Erasing and formatting change the disk's volumes and name.
+  refresh();
+}
+
+void CheckModel::fail(const QString& message) {
+  setStage(Failed{message});
+  setProgress(std::nullopt);
+}
+
+void CheckModel::backHome() {
+  setStage(Home{});
+  setProgress(std::nullopt);
+  refresh();
+}
+
+void CheckModel::done() {
+  setStage(Home{});
+  refresh();
+}
+
+void CheckModel::autoRunIfRequested() {
+  if (!simulate_) return;
+  const QSettings settings;
+  const std::string card = settings.value("VLAutoCard", "genuine").toString().toStdString();
+  if (const auto simulated = simulatedCardFromRawValue(card)) select(Card{*simulated});
+  const std::string action = settings.value("VLAutoRun").toString().toStdString();
+  // Formatting is never started without the user.
+  if (const auto requested = checkActionFromRawValue(action);
+      requested && *requested != CheckAction::format) {
+    run(*requested);
+  }
+}
+
+}  // namespace vellum

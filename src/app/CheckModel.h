@@ -1,0 +1,168 @@
+#pragma once
+
+#include <QDateTime>
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QThreadPool>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <variant>
+#include <vector>
+
+#include "checks/CheckTypes.h"
+#include "session/Session.h"
+#include "summary/Card.h"
+#include "summary/CheckAction.h"
+
+namespace vellum {
+
+class CheckModel;
+
+// The model as its workers see it: a pointer the model clears, under the
+// lock, before it goes away.
+struct ModelLink {
+  std::mutex mutex;
+  CheckModel* model = nullptr;
+};
+
+// Carries a worker's news to the model on the user-interface thread. Holds
+// the model weakly: once the model is gone, news is dropped, never delivered.
+class ProgressRelay {
+ public:
+  explicit ProgressRelay(std::shared_ptr<ModelLink> link) : link_(std::move(link)) {}
+
+  // Callable from any thread.
+  void send(const CheckProgress& progress) const;
+  void deliver(std::function<void(CheckModel&)> call) const;
+
+ private:
+  std::shared_ptr<ModelLink> link_;
+};
+
+// The application's one driver: the card list and selection, the stage, the
+// live progress of the one run at a time, and the texts of the step bar. Its
+// published fields change on the user-interface thread only; the run and the
+// disk-list refresh work on a thread pool of their own.
+class CheckModel final : public QObject {
+  Q_OBJECT
+  Q_PROPERTY(Stage stage READ stage NOTIFY stageChanged)
+  Q_PROPERTY(CardList cards READ cards NOTIFY cardsChanged)
+  Q_PROPERTY(SelectedCard selected READ selected WRITE select NOTIFY selectedChanged)
+  Q_PROPERTY(bool isRefreshing READ isRefreshing NOTIFY isRefreshingChanged)
+  Q_PROPERTY(LiveProgress progress READ progress NOTIFY progressChanged)
+  Q_PROPERTY(QList<double> speedHistory READ speedHistory NOTIFY speedHistoryChanged)
+  Q_PROPERTY(QString statusLine READ statusLine NOTIFY statusLineChanged)
+  Q_PROPERTY(int step READ step NOTIFY stepChanged)
+  Q_PROPERTY(QString stepStatus READ stepStatus NOTIFY stepChanged)
+
+ public:
+  struct Running {
+    CheckAction action;
+    bool operator==(const Running&) const = default;
+  };
+  struct Result {
+    CheckAction action;
+    CheckOutcome outcome;
+    QDateTime finished;
+    bool operator==(const Result&) const = default;
+  };
+  struct Failed {
+    QString message;
+    bool operator==(const Failed&) const = default;
+  };
+  struct Home {
+    bool operator==(const Home&) const = default;
+  };
+  using Stage = std::variant<Running, Result, Failed, Home>;
+  using CardList = std::vector<Card>;
+  using SelectedCard = std::optional<Card>;
+  using LiveProgress = std::optional<CheckProgress>;
+
+  // The speed chart keeps this many samples, so it stays cheap to redraw.
+  static constexpr qsizetype kMaxSpeedSamples = 400;
+
+  // Reads the demo-card setting once, here.
+  explicit CheckModel(std::unique_ptr<DiskPlatform> platform, QObject* parent = nullptr);
+  // Stops a run and waits for it: a Quick Check puts the card's data back
+  // before the model is gone.
+  ~CheckModel() override;
+
+  const Stage& stage() const { return stage_; }
+  const CardList& cards() const { return cards_; }
+  const SelectedCard& selected() const { return selected_; }
+  bool isRefreshing() const { return isRefreshing_; }
+  const LiveProgress& progress() const { return progress_; }
+  const QList<double>& speedHistory() const { return speedHistory_; }
+  const QString& statusLine() const { return statusLine_; }
+  bool simulate() const { return simulate_; }
+  bool isRunning() const { return std::holds_alternative<Running>(stage_); }
+  // The flag of the current run; the Stop button cancels it.
+  CancellationFlag& cancelFlag() { return *cancelFlag_; }
+  // True when a Quick Check in this session proved the disk fake.
+  bool isProvenFake(const Card& card) const;
+  Session& session() { return *session_; }
+
+  // The step bar: 0 with no card, 1 with one, 2 while running, 4 with a result.
+  int step() const;
+  QString stepStatus() const;
+
+  void select(const SelectedCard& card);
+  // Re-reads the disk list on a worker and keeps or drops the selection.
+  void refresh();
+  // Starts the action on the selected card and returns at once. A backup,
+  // when given, is saved first (replacing a file the save panel confirmed).
+  void run(CheckAction action, std::optional<std::filesystem::path> backupTo = std::nullopt,
+           std::optional<FormatChoice> format = std::nullopt);
+  // Leaves the result or failure screen.
+  void done();
+  // With demo cards on, selects the card VLAutoCard names and runs VLAutoRun.
+  void autoRunIfRequested();
+
+  // Called on the user-interface thread by the run's relay.
+  void update(const CheckProgress& progress);
+
+ signals:
+  void stageChanged();
+  void cardsChanged();
+  void selectedChanged();
+  void isRefreshingChanged();
+  void progressChanged();
+  void speedHistoryChanged();
+  void statusLineChanged();
+  void stepChanged();
+  // Something the user should know after the fact (a volume not mounted
+  // again, a backup holding zeros, what a stop left on the card).
+  void notice(const QString& text);
+
+ private:
+  void setStage(Stage stage);
+  void setProgress(LiveProgress progress);
+  void setStatusLine(const QString& text);
+  void setIsRefreshing(bool refreshing);
+  void finish(CheckAction action, CheckOutcome outcome);
+  void fail(const QString& message);
+  void backHome();
+  void applyDiskList(int generation, const std::vector<ExternalDisk>& disks);
+
+  Stage stage_ = Home{};
+  CardList cards_;
+  SelectedCard selected_;
+  bool isRefreshing_ = false;
+  LiveProgress progress_;
+  QList<double> speedHistory_;
+  QString statusLine_;
+  std::shared_ptr<CancellationFlag> cancelFlag_ = std::make_shared<CancellationFlag>();
+  bool simulate_ = false;
+  int refreshGeneration_ = 0;
+
+  std::unique_ptr<DiskPlatform> platform_;
+  std::unique_ptr<Session> session_;
+  std::shared_ptr<ModelLink> link_ = std::make_shared<ModelLink>();
+  QThreadPool workers_;
+};
+
+}  // namespace vellum
