@@ -13,14 +13,12 @@
 
 #include "platform/Process.h"
 
-#ifndef VELLUM_AUTHOPEN_INSTALLED_PATH
-#define VELLUM_AUTHOPEN_INSTALLED_PATH "/usr/local/libexec/vellum-check/vellum-authopen"
+#ifndef VELLUM_HELPER_INSTALL_DIR
+#define VELLUM_HELPER_INSTALL_DIR "/usr/local/libexec/vellum-check"
 #endif
 
 namespace vellum {
 namespace {
-
-constexpr const char* kHelperName = "vellum-authopen";
 
 bool isExecutableFile(const std::filesystem::path& path) {
   std::error_code error;
@@ -54,7 +52,9 @@ AuthOpenCommand AuthOpenCommand::systemDefault() {
   if (const char* override = std::getenv("VL_AUTHOPEN_HELPER"); override && *override) {
     return direct(override);
   }
-  const std::string helper = findAuthOpenHelper().value_or(VELLUM_AUTHOPEN_INSTALLED_PATH);
+  const std::string helper =
+      findHelperProgram("vellum-authopen")
+          .value_or(std::string(kInstalledHelperFolder) + "/vellum-authopen");
   return AuthOpenCommand{{findProgram("pkexec").value_or("/usr/bin/pkexec"), helper}};
 }
 
@@ -62,16 +62,18 @@ AuthOpenCommand AuthOpenCommand::direct(std::string program) {
   return AuthOpenCommand{{std::move(program)}};
 }
 
-std::optional<std::string> findAuthOpenHelper() {
+const std::string_view kInstalledHelperFolder = VELLUM_HELPER_INSTALL_DIR;
+
+std::optional<std::string> findHelperProgram(std::string_view name) {
   std::error_code error;
   const std::filesystem::path executable = std::filesystem::read_symlink("/proc/self/exe", error);
   std::vector<std::filesystem::path> candidates;
   if (!error) {
     const std::filesystem::path folder = executable.parent_path();
-    candidates.push_back(folder / kHelperName);
-    candidates.push_back(folder.parent_path() / "libexec" / "vellum-check" / kHelperName);
+    candidates.push_back(folder / name);
+    candidates.push_back(folder.parent_path() / "libexec" / "vellum-check" / name);
   }
-  candidates.emplace_back(VELLUM_AUTHOPEN_INSTALLED_PATH);
+  candidates.push_back(std::filesystem::path(kInstalledHelperFolder) / name);
   for (const auto& candidate : candidates) {
     if (isExecutableFile(candidate)) return candidate.lexically_normal().string();
   }

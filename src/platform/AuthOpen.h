@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "bytes/UniqueFd.h"
@@ -25,10 +26,13 @@ struct AuthOpenCommand {
   static AuthOpenCommand direct(std::string program);
 };
 
-// Where the helper is: next to the running executable, in the libexec folder
-// beside it, or in the libexec folder it was installed to. Absent when none
-// of them holds an executable helper.
-std::optional<std::string> findAuthOpenHelper();
+// The folder `cmake --install` puts the privileged helpers in.
+extern const std::string_view kInstalledHelperFolder;
+
+// Where a privileged helper (vellum-authopen, vellum-format) is: next to the
+// running executable, in the libexec folder beside it, or in the folder it was
+// installed to. Absent when none of them holds it as an executable.
+std::optional<std::string> findHelperProgram(std::string_view name);
 
 struct AuthOpenReply {
   UniqueFd fd;                 // invalid when the helper passed nothing

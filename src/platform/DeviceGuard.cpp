@@ -81,12 +81,21 @@ DiskIdentity DeviceGuard::inspect(const std::string& deviceIdentifier, Allowance
       allowance};
 }
 
+WriteError DeviceGuard::changed(const std::string& deviceIdentifier) {
+  return WriteError::refused("The disk at " + deviceIdentifier +
+                             " changed since you selected it. Nothing was written. Select the "
+                             "card again.");
+}
+
+WriteError DeviceGuard::inUse(const std::string& deviceIdentifier) {
+  return WriteError::refused(deviceIdentifier +
+                             " is still in use. Close any apps using the card and try again.");
+}
+
 void DeviceGuard::revalidate(const DiskIdentity& identity, const SystemPaths& paths) {
   const DiskIdentity fresh = inspect(identity.deviceIdentifier, identity.allowance, paths);
   if (fresh != identity) {
-    throw WriteError::refused("The disk at " + identity.deviceIdentifier +
-                              " changed since you selected it. Nothing was written. Select the "
-                              "card again.");
+    throw changed(identity.deviceIdentifier);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "devices/WriteError.h"
 #include "platform/DiskIdentity.h"
 #include "platform/SystemPaths.h"
 
@@ -30,6 +31,10 @@ class DeviceGuard {
   // Inspects again; throws the refusal unchanged, or a refusal saying the disk
   // changed when any field of the identity differs.
   static void revalidate(const DiskIdentity& identity, const SystemPaths& paths = {});
+  // The refusals for a disk that is another medium than the one chosen, and
+  // for one that something else holds open exclusively.
+  static WriteError changed(const std::string& deviceIdentifier);
+  static WriteError inUse(const std::string& deviceIdentifier);
   // Unmounts every volume of the disk (as root directly, deepest first, never
   // lazily; otherwise through udisks). Judged only by what is still mounted
   // afterwards. Throws WriteError, or ProcessError when the unmount tool cannot

@@ -16,8 +16,7 @@ namespace vellum {
 namespace {
 
 WriteError busy(const DiskIdentity& identity) {
-  return WriteError::refused(identity.deviceIdentifier +
-                             " is still in use. Close any apps using the card and try again.");
+  return DeviceGuard::inUse(identity.deviceIdentifier);
 }
 
 UniqueFd openThroughHelper(const DiskIdentity& identity, const AuthOpenCommand& helper) {

@@ -301,6 +301,12 @@ void DiskFormatter::format(const DiskIdentity& identity, FileSystem as, std::str
   DeviceGuard::revalidate(identity, paths);
   // Nothing on Linux unmounts for us; the guard judges by the mount table.
   DeviceGuard::unmountAll(identity, paths);
+  // Something holding the disk exclusively (another program testing it) would
+  // make mkfs fail after the partition table is already gone: refuse first.
+  if (const UniqueFd claim(::open(identity.devicePath().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+      !claim && errno == EBUSY) {
+    throw DeviceGuard::inUse(identity.deviceIdentifier);
+  }
 
   const Tools& tools = Tools::get();
   const std::string label = sanitizedName(name);

@@ -7,6 +7,7 @@
 #include "platform/DeviceGuard.h"
 #include "platform/DiskEnumerator.h"
 #include "platform/DiskFormatter.h"
+#include "platform/FormatHelper.h"
 #include "platform/RawDeviceAccess.h"
 
 namespace vellum {
@@ -57,7 +58,14 @@ std::vector<std::string> LinuxPlatform::remount(const std::vector<MountedVolume>
 
 void LinuxPlatform::format(const DiskIdentity& identity, FileSystem fileSystem,
                            const std::string& name, std::optional<std::uint64_t> usableBytes) {
-  DiskFormatter::format(identity, fileSystem, name, access_.paths, usableBytes);
+  // Repartitioning needs root (partx, unmounting as root): others format
+  // through the helper, which applies the guard's rules again as root.
+  if (::geteuid() == 0) {
+    DiskFormatter::format(identity, fileSystem, name, access_.paths, usableBytes);
+    return;
+  }
+  formatThroughHelper(formatHelper_, FormatRequest::of(identity, fileSystem, name, usableBytes,
+                                                       access_.paths.allowDiskImages));
 }
 
 }  // namespace vellum

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/DeviceWriteAccess.h"
+#include "platform/FormatHelper.h"
 #include "platform/SystemPaths.h"
 #include "session/DiskPlatform.h"
 
@@ -26,6 +27,7 @@ class LinuxPlatform final : public DiskPlatform {
 
  private:
   DeviceWriteAccess::Options access_;
+  FormatHelperCommand formatHelper_ = FormatHelperCommand::systemDefault();
 };
 
 }  // namespace vellum

@@ -14,6 +14,7 @@
 #include "checks/QuickCheck.h"
 #include "devices/FileDescriptorDevice.h"
 #include "devices/WriteError.h"
+#include "platform/DeviceGuard.h"
 #include "platform/DiskFormatter.h"
 
 namespace vellum {
@@ -329,8 +330,7 @@ CheckOutcome Session::run(RunRequest& request, const CancellationFlag& cancel,
         // since it was chosen must not be written.
         if (disk->sizeBytes != 0 &&
             (disk->sizeBytes != identity->sizeBytes || disk->mediaName != identity->mediaName)) {
-          refuse("The disk at " + name +
-                 " changed since you selected it. Nothing was written. Select the card again.");
+          throw DeviceGuard::changed(name);
         }
         fillCardFacts(target, &*identity);
       }

@@ -1,5 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
+#include <filesystem>
 #include <map>
 #include <regex>
 #include <sstream>
@@ -7,7 +10,9 @@
 #include "RealDisks.h"
 #include "bytes/FileSource.h"
 #include "devices/WriteError.h"
+#include "platform/DiskEnumerator.h"
 #include "platform/DiskFormatter.h"
+#include "platform/FormatHelper.h"
 
 namespace vellum {
 namespace {
@@ -249,6 +254,100 @@ TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
             "The disk at " + card.loop.name() +
                 " changed since you selected it. Nothing was written. Select the card again.");
   EXPECT_EQ(FileSource(card.image).read(0, 8 * kMiB), Bytes(8 * kMiB, 'K'));
+}
+
+// The path a user who is not root takes: pkexec (a stand-in here, which
+// clears the environment as pkexec does) starting vellum-format.
+TEST(FormatHelper, FormatsOnlyTheMediumTheUserChoseAndSaysWhyNot) {
+  VL_REQUIRE_LOOP_DEVICES();
+  for (const char* tool : {"sfdisk", "partx", "blkid", "mkfs.fat", "mkfs.ext4"}) {
+    if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
+  }
+  const FormatHelperCommand allowed{
+      {VELLUM_PKEXEC_STANDIN_PATH, "allow", VELLUM_FORMAT_HELPER_PATH}};
+  const testing::ImageDisk disk(64 * kMiB);
+  const std::string name = disk.loop.name();
+  const auto format = [&](const FormatHelperCommand& command, FormatRequest request) {
+    return testing::errorText<WriteError>([&] { formatThroughHelper(command, request); });
+  };
+  const auto request = [&](FileSystem fileSystem) {
+    return FormatRequest::of(disk.inspect(), fileSystem, "Holiday", std::nullopt, true);
+  };
+
+  // A mounted volume is unmounted first; while a file on it is open, it
+  // cannot be, and nothing is written.
+  const std::string partition = disk.partition();
+  testing::run({"mkfs.ext4", "-q", "-L", "OLD", partition});
+  const std::string mountPoint = disk.dir.file("mnt");
+  std::filesystem::create_directory(mountPoint);
+  ASSERT_EQ(::mount(partition.c_str(), mountPoint.c_str(), "ext4", 0, nullptr), 0);
+  {
+    const UniqueFd open(::open((mountPoint + "/busy").c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    EXPECT_EQ(format(allowed, request(FileSystem::fat32)),
+              "Couldn't unmount " + mountPoint + ". Close any apps using the card and try again.");
+    EXPECT_EQ(blkid(partition)["LABEL"], "OLD");
+  }
+  EXPECT_EQ(format(allowed, request(FileSystem::fat32)), "");
+  EXPECT_EQ(blkid(disk.loop.path() + "p1")["LABEL"], "HOLIDAY");
+  EXPECT_EQ(blkid(disk.loop.path() + "p1")["TYPE"], "vfat");
+
+  // Another program holding the disk exclusively.
+  {
+    const UniqueFd holder(::open(disk.loop.path().c_str(), O_RDONLY | O_EXCL | O_CLOEXEC));
+    ASSERT_TRUE(holder.valid());
+    EXPECT_EQ(format(allowed, request(FileSystem::exfat)),
+              name + " is still in use. Close any apps using the card and try again.");
+  }
+  // Another medium in the same slot, a partition, a disk image without the
+  // caller's permission, an internal disk: the guard's own sentences.
+  FormatRequest swapped = request(FileSystem::exfat);
+  ++swapped.diskSequence;
+  EXPECT_EQ(format(allowed, swapped), DeviceGuard::changed(name).description());
+  FormatRequest part = request(FileSystem::exfat);
+  part.disk = name + "p1";
+  EXPECT_EQ(format(allowed, part),
+            "Only whole disks (like sdb or mmcblk0) can be tested, not " + part.disk + ".");
+  const auto guardSays = [](const std::string& diskName) {
+    SystemPaths paths;
+    paths.allowDiskImages = false;
+    return testing::errorText<WriteError>(
+        [&] { DeviceGuard::inspect(diskName, Allowance::standard, paths); });
+  };
+  FormatRequest image = request(FileSystem::exfat);
+  image.allowDiskImages = false;
+  EXPECT_EQ(format(allowed, image), guardSays(name));
+  if (const auto system = DiskEnumerator::wholeDisk("/")) {
+    FormatRequest internal = request(FileSystem::exfat);
+    internal.disk = system->identifier;
+    EXPECT_EQ(format(allowed, internal), guardSays(internal.disk));
+    EXPECT_NE(guardSays(internal.disk), "");
+  }
+  EXPECT_EQ(blkid(disk.loop.path() + "p1")["TYPE"], "vfat");
+
+  // The user closed the password prompt; the helper is not installed.
+  EXPECT_EQ(format(FormatHelperCommand{{VELLUM_PKEXEC_STANDIN_PATH, "dismiss",
+                                        VELLUM_FORMAT_HELPER_PATH}},
+                   request(FileSystem::exfat)),
+            "Permission to write to " + disk.loop.path() + " was denied.");
+  EXPECT_NE(format(FormatHelperCommand{{VELLUM_PKEXEC_STANDIN_PATH, "allow",
+                                        disk.dir.file("no-such-helper")}},
+                   request(FileSystem::exfat))
+                .find("the helper vellum-format that asks for them isn't installed"),
+            std::string::npos);
+
+  // Anything but the arguments it documents is refused before any rule runs.
+  for (const std::vector<std::string_view>& bad :
+       {std::vector<std::string_view>{"--disk", "../sda", "--disk-sequence", "1", "--file-system",
+                                      "exfat", "--name", "x"},
+        {"--disk", name, "--disk-sequence", "1", "--file-system", "ntfs", "--name", "x"},
+        {"--disk", name, "--disk-sequence", "-1", "--file-system", "exfat", "--name", "x"},
+        {"--disk", name, "--file-system", "exfat", "--name", "x"},
+        {"--disk", name, "--disk", "sda", "--disk-sequence", "1", "--file-system", "exfat",
+         "--name", "x"}}) {
+    EXPECT_FALSE(FormatRequest::parse(bad));
+  }
+  const ProcessResult usage = runProcess({VELLUM_FORMAT_HELPER_PATH, "--disk", name});
+  EXPECT_EQ(usage.status.code, FormatHelperExit::usage);
 }
 
 }  // namespace
