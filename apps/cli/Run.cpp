@@ -34,7 +34,7 @@ bool looksLikeDisk(const std::string& argument) {
 
 Session& session() {
   static LinuxPlatform platform;
-  static Session shared(platform);
+  static Session shared(platform, "Add --force to replace it.");
   return shared;
 }
 

@@ -242,20 +242,11 @@ OpenedSource Session::openForReading(RunTarget& target) {
   }
 }
 
-std::unique_ptr<BlockDevice> Session::openForWriting(const RunTarget& target,
-                                                     const std::optional<DiskIdentity>& identity,
-                                                     BlockDevice*& device) {
-  std::unique_ptr<BlockDevice> owned;
-  if (identity) {
-    owned = platform_.openForWriting(*identity);
-  } else if (target.card) {
-    device = &simulatedDevice(*target.card->simulated());
-    return owned;
-  } else {
-    owned = FileDescriptorDevice::openImage(target.imageFile.string(), 512);
-  }
-  device = owned.get();
-  return owned;
+OpenedDevice Session::openForWriting(const RunTarget& target,
+                                     const std::optional<DiskIdentity>& identity) {
+  if (identity) return OpenedDevice(platform_.openForWriting(*identity));
+  if (target.card) return OpenedDevice(simulatedDevice(*target.card->simulated()));
+  return OpenedDevice(FileDescriptorDevice::openImage(target.imageFile.string(), 512));
 }
 
 void Session::backUp(const RunRequest& request, const CancellationFlag& cancel,
@@ -293,7 +284,7 @@ void Session::backUp(const RunRequest& request, const CancellationFlag& cancel,
     throw RunError(RunError::BackupFailed{asSentence(error.description())});
   } catch (const ImageError& error) {
     std::string reason = asSentence(error.description());
-    if (error.is<ImageError::AlreadyExists>()) reason += " Choose to replace it, or another name.";
+    if (error.is<ImageError::AlreadyExists>()) reason += " " + replaceHint_;
     throw RunError(RunError::BackupFailed{reason});
   } catch (const Error& error) {
     throw RunError(RunError::BackupFailed{asSentence(error.description())});
@@ -361,8 +352,7 @@ CheckOutcome Session::runAction(RunRequest& request, const std::optional<DiskIde
       std::optional<QuickCheck::Result> result;
       std::exception_ptr failure;
       try {
-        BlockDevice* device = nullptr;
-        const std::unique_ptr<BlockDevice> owned = openForWriting(target, identity, device);
+        const OpenedDevice device = openForWriting(target, identity);
         say(hooks, StatusKind::running, statusText(CheckAction::quick, target));
         result = QuickCheck{}.run(*device, cancel, hooks.progress);
       } catch (...) {
@@ -385,16 +375,14 @@ CheckOutcome Session::runAction(RunRequest& request, const std::optional<DiskIde
       return *result;
     }
     case CheckAction::full: {
-      BlockDevice* device = nullptr;
-      const std::unique_ptr<BlockDevice> owned = openForWriting(target, identity, device);
+      const OpenedDevice device = openForWriting(target, identity);
       say(hooks, StatusKind::running, statusText(CheckAction::full, target));
       FullTest test;
       test.chunkBytes = kChunkBytes;
       return test.run(*device, cancel, hooks.progress);
     }
     case CheckAction::wipe: {
-      BlockDevice* device = nullptr;
-      const std::unique_ptr<BlockDevice> owned = openForWriting(target, identity, device);
+      const OpenedDevice device = openForWriting(target, identity);
       say(hooks, StatusKind::running, statusText(CheckAction::wipe, target));
       Wipe wipe;
       wipe.method = request.wipeMethod;
@@ -444,7 +432,7 @@ std::int64_t Session::saveImage(RunTarget& target, const std::filesystem::path& 
         *source, destination.string(), cancel, hooks.progress);
   } catch (const ImageError& error) {
     std::string reason = asSentence(error.description());
-    if (error.is<ImageError::AlreadyExists>()) reason += " Add --force to replace it.";
+    if (error.is<ImageError::AlreadyExists>()) reason += " " + replaceHint_;
     refuse(reason);
   } catch (...) {
     rethrowAsRunError(CheckAction::health, target);

@@ -87,13 +87,31 @@ class OpenedSource {
   ByteSource* source_;
 };
 
+// A device opened for writing: owned for disks and files, borrowed from the
+// session for demo cards.
+class OpenedDevice {
+ public:
+  explicit OpenedDevice(std::unique_ptr<BlockDevice> owned)
+      : owned_(std::move(owned)), device_(owned_.get()) {}
+  explicit OpenedDevice(BlockDevice& borrowed) : device_(&borrowed) {}
+  BlockDevice& operator*() const { return *device_; }
+
+ private:
+  std::unique_ptr<BlockDevice> owned_;
+  BlockDevice* device_;
+};
+
 // The rules of a run, shared by the application and the command line: the
 // backup before erasing, which access each action needs, the guard's
 // allowance, the status texts, the demo cards and the disks proven fake.
 // run() blocks for the whole action; call it from a worker. One run at a time.
 class Session {
  public:
-  explicit Session(DiskPlatform& platform) : platform_(platform) {}
+  // replaceHint follows the sentence saying an image file already exists: how
+  // this front end lets the user replace it.
+  explicit Session(DiskPlatform& platform,
+                   std::string replaceHint = "Choose to replace it, or another name.")
+      : platform_(platform), replaceHint_(std::move(replaceHint)) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -128,15 +146,14 @@ class Session {
  private:
   CheckOutcome runAction(RunRequest& request, const std::optional<DiskIdentity>& identity,
                          const CancellationFlag& cancel, const RunHooks& hooks);
-  std::unique_ptr<BlockDevice> openForWriting(const RunTarget& target,
-                                              const std::optional<DiskIdentity>& identity,
-                                              BlockDevice*& device);
+  OpenedDevice openForWriting(const RunTarget& target, const std::optional<DiskIdentity>& identity);
   void backUp(const RunRequest& request, const CancellationFlag& cancel, const RunHooks& hooks);
   void checkImageDestination(const RunTarget& source, const std::filesystem::path& destination,
                              bool erasing);
   void fillCardFacts(RunTarget& target, const DiskIdentity* identity);
 
   DiskPlatform& platform_;
+  const std::string replaceHint_;
   mutable std::mutex mutex_;  // guards the two maps below
   std::map<SimulatedCard, std::unique_ptr<SimulatedDevice>> demoDevices_;
   std::map<std::string, std::uint64_t> provenFake_;

@@ -123,18 +123,21 @@ TEST(CliDisk, BackupIsSavedBeforeTheFullTestAndAFailedOneStopsIt) {
   LoopDevice loop(image);
   const std::string name = loop.name();
 
-  // A backup that cannot be created: nothing is written.
-  const std::string nowhere = dir.file("no/such/folder/backup.img");
-  const ProcessResult failed = cli({"full", name, "--backup", nowhere, "--confirm", name});
+  // A backup file that is already there is kept, and so is the card.
+  const std::string backup = dir.file("backup.img");
+  writeFile(backup, "older backup");
+  const ProcessResult failed = cli({"full", name, "--backup", backup, "--confirm", name});
   EXPECT_EQ(failed.exitCode, 3);
   EXPECT_TRUE(contains(failed.err, "Backing up the card to backup.img\u2026\n")) << failed.err;
   EXPECT_TRUE(contains(failed.err, "vellum-check: The backup failed: ")) << failed.err;
-  EXPECT_TRUE(contains(failed.err, " Nothing was erased.\n")) << failed.err;
+  EXPECT_TRUE(contains(failed.err, " Add --force to replace it. Nothing was erased.\n"))
+      << failed.err;
   EXPECT_EQ(failed.out, "");
   EXPECT_TRUE(readAll(image) == content);
+  EXPECT_EQ(readAll(backup), "older backup");
 
-  const std::string backup = dir.file("backup.img");
-  const ProcessResult full = cli({"full", name, "--backup", backup, "--confirm", name, "--json"});
+  const ProcessResult full =
+      cli({"full", name, "--backup", backup, "--force", "--confirm", name, "--json"});
   ASSERT_EQ(full.exitCode, 0) << full.err;
   EXPECT_EQ(full.err, "Backing up the card to backup.img\u2026\n");
   EXPECT_EQ(nlohmann::json::parse(full.out).at("verdict"), "genuine");
