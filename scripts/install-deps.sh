@@ -8,7 +8,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   util-linux mount fdisk dosfstools exfatprogs mtools e2fsprogs pkexec
   fuse3 libfuse3-dev
-  qt6-base-dev libgl-dev fonts-dejavu-core poppler-utils
+  qt6-base-dev qt6-svg-dev libgl-dev fonts-dejavu-core poppler-utils
+  libudev-dev xvfb xauth
 )
 
 missing=()

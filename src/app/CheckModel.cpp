@@ -34,9 +34,10 @@ void ProgressRelay::deliver(std::function<void(CheckModel&)> call) const {
       model, [model, call = std::move(call)] { call(*model); }, Qt::QueuedConnection);
 }
 
-CheckModel::CheckModel(std::unique_ptr<DiskPlatform> platform, QObject* parent)
+CheckModel::CheckModel(std::unique_ptr<DiskPlatform> platform, std::optional<bool> simulate,
+                       QObject* parent)
     : QObject(parent),
-      simulate_(QSettings().value("VLSimulateCards", false).toBool()),
+      simulate_(simulate.value_or(QSettings().value("VLSimulateCards", false).toBool())),
       platform_(std::move(platform)),
       session_(std::make_unique<Session>(*platform_)) {
   link_->model = this;

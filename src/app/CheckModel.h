@@ -85,8 +85,10 @@ class CheckModel final : public QObject {
   // The speed chart keeps this many samples, so it stays cheap to redraw.
   static constexpr qsizetype kMaxSpeedSamples = 400;
 
-  // Reads the demo-card setting once, here.
-  explicit CheckModel(std::unique_ptr<DiskPlatform> platform, QObject* parent = nullptr);
+  // Reads the demo-card setting once, here, unless simulate overrides it for
+  // this run (the application's --demo).
+  explicit CheckModel(std::unique_ptr<DiskPlatform> platform,
+                      std::optional<bool> simulate = std::nullopt, QObject* parent = nullptr);
   // Stops a run and waits for it: a Quick Check puts the card's data back
   // before the model is gone.
   ~CheckModel() override;

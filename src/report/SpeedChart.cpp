@@ -1,5 +1,6 @@
 #include "report/SpeedChart.h"
 
+#include <QFontMetricsF>
 #include <QPainterPath>
 #include <algorithm>
 #include <cmath>
@@ -27,18 +28,22 @@ void drawSpeedChart(QPainter& painter, const QRectF& rect, const std::vector<dou
   QFont font = painter.font();
   font.setPointSizeF(8);
   painter.setFont(font);
-  const double labelWidth = 36;
-  const QRectF plot = rect.adjusted(labelWidth, 4, 0, -4);
   const double top =
       niceCeiling(samples.empty() ? 1 : *std::max_element(samples.begin(), samples.end()));
+  const auto label = [top](int step) {
+    return QString::number(top * step / 4, 'f', top < 4 ? 1 : 0);
+  };
+  // Wide enough for the top label in whatever resolution the painter has.
+  const double labelWidth =
+      std::max(36.0, QFontMetricsF(font, painter.device()).horizontalAdvance(label(4)) + 8);
+  const QRectF plot = rect.adjusted(labelWidth, 4, 0, -4);
   for (int i = 0; i <= 4; ++i) {
     const double y = plot.bottom() - plot.height() * i / 4;
     painter.setPen(QPen(style.grid, 0.5));
     painter.drawLine(QPointF(plot.left(), y), QPointF(plot.right(), y));
     painter.setPen(style.text);
     painter.drawText(QRectF(rect.left(), y - 6, labelWidth - 6, 12),
-                     Qt::AlignRight | Qt::AlignVCenter,
-                     QString::number(top * i / 4, 'f', top < 4 ? 1 : 0));
+                     Qt::AlignRight | Qt::AlignVCenter, label(i));
   }
   if (samples.size() >= 2) {
     QPainterPath line;

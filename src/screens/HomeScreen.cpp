@@ -1,0 +1,216 @@
+#include "screens/HomeScreen.h"
+
+#include <QFrame>
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QListWidget>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QVBoxLayout>
+
+#include "app/CheckModel.h"
+#include "screens/ConfirmEraseSheet.h"
+#include "screens/Prompts.h"
+#include "screens/StyleParts.h"
+#include "screens/Symbols.h"
+
+namespace vellum {
+namespace {
+
+struct Tile {
+  CheckAction action;
+  const char* symbol;
+  const char* summary;
+  const char* fact;
+};
+
+constexpr std::array<Tile, 4> kTiles{{
+    {CheckAction::quick, "bolt.badge.checkmark",
+     "Is the capacity real? Catches fake cards and drives in about a minute.",
+     "About 1 minute \u00B7 Keeps your files"},
+    {CheckAction::health, "stethoscope", "Reads every block to find unreadable or slow areas.",
+     "Read-only \u00B7 Your files stay untouched"},
+    {CheckAction::full, "gauge.with.dots.needle.67percent",
+     "Tests every block: real capacity, bad areas and true speed.",
+     "Erases everything \u00B7 Can take an hour or more"},
+    {CheckAction::wipe, "eraser", "Erases everything, then proves no file can be recovered.",
+     "Erases everything \u00B7 Verified"},
+}};
+
+QString qText(std::string_view text) {
+  return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
+}
+
+QLabel* sectionHeading(const QString& text, QWidget* parent) {
+  QLabel* label = headingLabel(text, 1, parent);
+  return label;
+}
+
+QFrame* tileFrame(QWidget* parent) {
+  auto* frame = new QFrame(parent);
+  frame->setFrameShape(QFrame::StyledPanel);
+  frame->setObjectName("tile");
+  return frame;
+}
+
+}  // namespace
+
+HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
+    : QWidget(parent),
+      model_(model),
+      prompts_(prompts),
+      list_(new QListWidget(this)),
+      listOrHint_(new QStackedWidget(this)),
+      refresh_(new QPushButton("Refresh", this)),
+      format_(new QPushButton("Format for a Camera\u2026", this)) {
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 8, 0, 0);
+  layout->setSpacing(10);
+
+  auto* cardHeader = new QHBoxLayout;
+  cardHeader->addWidget(sectionHeading("Card or drive", this), 1);
+  refresh_->setIcon(symbolIcon("arrow.clockwise", colors::secondary(this), 16));
+  cardHeader->addWidget(refresh_);
+  layout->addLayout(cardHeader);
+
+  list_->setAccessibleName("Cards and drives");
+  list_->setIconSize(QSize(28, 28));
+  list_->setSpacing(2);
+  list_->setMinimumHeight(96);
+  auto* hint = new QWidget(this);
+  auto* hintLayout = new QHBoxLayout(hint);
+  hintLayout->addWidget(symbolLabel("sdcard", colors::secondary(this), 28, hint), 0, Qt::AlignTop);
+  hintLayout->addWidget(
+      textLabel("Insert a memory card (in your computer's SD slot or a card reader), or connect a "
+                "USB drive or SSD. It will appear here.",
+                hint),
+      1);
+  listOrHint_->addWidget(list_);
+  listOrHint_->addWidget(hint);
+  listOrHint_->setMaximumHeight(170);
+  layout->addWidget(listOrHint_);
+
+  layout->addSpacing(6);
+  layout->addWidget(sectionHeading("Tests", this));
+  auto* tiles = new QGridLayout;
+  tiles->setSpacing(10);
+  for (std::size_t index = 0; index < kTiles.size(); ++index) {
+    const Tile& tile = kTiles[index];
+    QFrame* frame = tileFrame(this);
+    auto* tileLayout = new QGridLayout(frame);
+    tileLayout->setContentsMargins(14, 12, 14, 12);
+    tileLayout->setHorizontalSpacing(12);
+    const QString title = qText(vellum::title(tile.action));
+    tileLayout->addWidget(symbolLabel(tile.symbol, colors::accent, 28, frame), 0, 0, 3, 1,
+                          Qt::AlignTop);
+    tileLayout->addWidget(headingLabel(title, 1, frame), 0, 1);
+    tileLayout->addWidget(textLabel(tile.summary, frame), 1, 1);
+    QLabel* fact = textLabel(tile.fact, frame);
+    QPalette faded = fact->palette();
+    faded.setColor(QPalette::WindowText, colors::secondary(this));
+    fact->setPalette(faded);
+    tileLayout->addWidget(fact, 2, 1);
+    auto* run = new QPushButton("Run " + title, frame);
+    run->setAccessibleName("Run " + title);
+    tileLayout->addWidget(run, 3, 1, Qt::AlignLeft);
+    tileLayout->setColumnStretch(1, 1);
+    runButtons_[index] = run;
+    connect(run, &QPushButton::clicked, this, [this, action = tile.action] { start(action); });
+    tiles->addWidget(frame, static_cast<int>(index / 2), static_cast<int>(index % 2));
+  }
+  layout->addLayout(tiles);
+
+  auto* oddly = new QHBoxLayout;
+  oddly->addWidget(textLabel("Card behaving oddly in your camera?", this), 1);
+  oddly->addWidget(format_);
+  layout->addLayout(oddly);
+  layout->addStretch();
+
+  connect(refresh_, &QPushButton::clicked, &model_, &CheckModel::refresh);
+  connect(format_, &QPushButton::clicked, this, [this] { start(CheckAction::format); });
+  connect(list_, &QListWidget::currentRowChanged, this, [this](int row) {
+    if (row >= 0 && row < static_cast<int>(model_.cards().size())) {
+      model_.select(model_.cards()[static_cast<std::size_t>(row)]);
+    }
+  });
+  connect(&model_, &CheckModel::cardsChanged, this, &HomeScreen::showCards);
+  connect(&model_, &CheckModel::selectedChanged, this, &HomeScreen::showSelection);
+  connect(&model_, &CheckModel::isRefreshingChanged, this,
+          [this] { refresh_->setEnabled(!model_.isRefreshing()); });
+  showCards();
+}
+
+QPushButton* HomeScreen::runButton(CheckAction action) const {
+  for (std::size_t index = 0; index < kTiles.size(); ++index) {
+    if (kTiles[index].action == action) return runButtons_[index];
+  }
+  return nullptr;
+}
+
+void HomeScreen::showCards() {
+  const QSignalBlocker quiet(list_);
+  list_->clear();
+  for (const Card& card : model_.cards()) {
+    auto* item = new QListWidgetItem(list_);
+    item->setText(QString::fromStdString(card.title()) + "\n" +
+                  QString::fromStdString(card.detail()) + " \u00B7 " +
+                  QString::fromStdString(card.sizeDescription()));
+    item->setIcon(symbolIcon("sdcard", colors::accent, 28));
+  }
+  listOrHint_->setCurrentIndex(model_.cards().empty() ? 1 : 0);
+  showSelection();
+}
+
+void HomeScreen::showSelection() {
+  const QSignalBlocker quiet(list_);
+  const auto& cards = model_.cards();
+  int row = -1;
+  for (std::size_t index = 0; index < cards.size(); ++index) {
+    const bool selected = model_.selected() == cards[index];
+    if (selected) row = static_cast<int>(index);
+    list_->item(static_cast<int>(index))
+        ->setData(Qt::DecorationRole, selected
+                                          ? symbolIcon("checkmark.circle.fill", colors::accent, 28)
+                                          : symbolIcon("sdcard", colors::secondary(this), 28));
+  }
+  list_->setCurrentRow(row);
+  const bool haveCard = model_.selected().has_value();
+  for (QPushButton* button : runButtons_)
+    button->setEnabled(haveCard);
+  // Demo cards live in memory and cannot be formatted.
+  format_->setEnabled(haveCard && model_.selected()->disk() != nullptr);
+}
+
+void HomeScreen::start(CheckAction action) {
+  if (!model_.selected() || model_.isRunning()) return;
+  const Card card = *model_.selected();
+  const QString noun = qText(card.noun());
+  switch (action) {
+    case CheckAction::health:
+      model_.run(CheckAction::health);
+      return;
+    case CheckAction::quick:
+      if (prompts_.ask(this, "Run a Quick Check?",
+                       "Vellum writes small test blocks across the " + noun +
+                           ", reads them back, then puts your original data back. Keep the " +
+                           noun + " connected until it finishes, about a minute.",
+                       "Run Quick Check", "Cancel")) {
+        model_.run(CheckAction::quick);
+      }
+      return;
+    case CheckAction::full:
+    case CheckAction::wipe:
+    case CheckAction::format: {
+      auto* sheet = new ConfirmEraseSheet(action, card, prompts_, window());
+      sheet->setAttribute(Qt::WA_DeleteOnClose);
+      connect(sheet, &QDialog::accepted, this, [this, sheet] {
+        model_.run(sheet->action(), sheet->backupTo(), sheet->formatChoice());
+      });
+      sheet->open();
+      return;
+    }
+  }
+}
+
+}  // namespace vellum

@@ -1,0 +1,86 @@
+#include "screens/MainWindow.h"
+
+#include <QAction>
+#include <QFrame>
+#include <QMenuBar>
+#include <QStackedWidget>
+#include <QVBoxLayout>
+
+#include "app/CheckModel.h"
+#include "screens/HomeScreen.h"
+#include "screens/ResultScreens.h"
+#include "screens/RunningScreen.h"
+#include "screens/StyleParts.h"
+#include "screens/Symbols.h"
+
+namespace vellum {
+
+MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
+    : QMainWindow(parent),
+      model_(model),
+      stepBar_(new StepBar({"Card", "Test", "Testing", "Result"})),
+      screens_(new QStackedWidget),
+      home_(new HomeScreen(model, prompts)),
+      running_(new RunningScreen(model, prompts)),
+      result_(new ResultScreen(model, prompts)),
+      failure_(new FailureScreen(model)) {
+  setWindowTitle("Vellum Check");
+  setWindowIcon(applicationIcon());
+  auto* central = new QWidget(this);
+  auto* layout = new QVBoxLayout(central);
+  layout->setContentsMargins(28, 20, 28, 20);
+  layout->setSpacing(14);
+  layout->addWidget(new BrandHeader(
+      "Vellum Check", "Find out if a memory card or drive is genuine, fast and healthy", central));
+  layout->addWidget(stepBar_);
+  auto* divider = new QFrame(central);
+  divider->setFrameShape(QFrame::HLine);
+  divider->setFrameShadow(QFrame::Sunken);
+  layout->addWidget(divider);
+  for (QWidget* screen : {static_cast<QWidget*>(home_), static_cast<QWidget*>(running_),
+                          static_cast<QWidget*>(result_), static_cast<QWidget*>(failure_)}) {
+    screens_->addWidget(screen);
+  }
+  layout->addWidget(screens_, 1);
+  setCentralWidget(central);
+  resize(760, 820);
+  setMinimumSize(560, 640);
+
+  QMenu* menu = menuBar()->addMenu("&Vellum Check");
+  checkForUpdates_ = menu->addAction("Check for Updates\u2026");
+  menu->addSeparator();
+  QAction* quit = menu->addAction("&Quit");
+  quit->setShortcut(QKeySequence::Quit);
+  connect(quit, &QAction::triggered, this, &QWidget::close);
+
+  connect(result_, &ResultScreen::formatRequested, home_,
+          [this] { home_->start(CheckAction::format); });
+  for (auto signal : {&CheckModel::stageChanged, &CheckModel::stepChanged}) {
+    connect(&model_, signal, this, &MainWindow::showStage);
+  }
+  showStage();
+}
+
+QWidget* MainWindow::currentScreen() const {
+  return screens_->currentWidget();
+}
+
+void MainWindow::showEvent(QShowEvent* event) {
+  QMainWindow::showEvent(event);
+  if (shown_) return;
+  shown_ = true;
+  model_.refresh();
+  model_.autoRunIfRequested();
+}
+
+void MainWindow::showStage() {
+  const CheckModel::Stage& stage = model_.stage();
+  QWidget* screen = home_;
+  if (std::holds_alternative<CheckModel::Running>(stage)) screen = running_;
+  if (std::holds_alternative<CheckModel::Result>(stage)) screen = result_;
+  if (std::holds_alternative<CheckModel::Failed>(stage)) screen = failure_;
+  screens_->setCurrentWidget(screen);
+  stepBar_->setState(model_.step(), model_.stepStatus(), model_.isRunning());
+}
+
+}  // namespace vellum

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QWidget>
+
+class QLabel;
+class QProgressBar;
+class QPushButton;
+class QVariantAnimation;
+
+namespace vellum {
+
+class CheckModel;
+class Prompts;
+class SpeedChartView;
+
+// Live progress of the one run: phase, percent, speed, status and chart.
+// The only way back is the run ending, or Stop.
+class RunningScreen final : public QWidget {
+  Q_OBJECT
+ public:
+  RunningScreen(CheckModel& model, Prompts& prompts, QWidget* parent = nullptr);
+
+  QPushButton* stopButton() const { return stop_; }
+  QProgressBar* progressBar() const { return bar_; }
+  SpeedChartView* chart() const { return chart_; }
+
+ private:
+  void showStage();
+  void showProgress();
+  void askToStop();
+
+  CheckModel& model_;
+  Prompts& prompts_;
+  QLabel* symbol_;
+  QLabel* heading_;
+  QLabel* phase_;
+  QProgressBar* bar_;
+  QLabel* speed_;
+  QLabel* status_;
+  SpeedChartView* chart_;
+  QPushButton* stop_;
+  QVariantAnimation* pulse_;
+};
+
+}  // namespace vellum

@@ -1,0 +1,242 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QProcess>
+#include <QPushButton>
+#include <QSettings>
+#include <QTest>
+#include <deque>
+
+#include "app/CheckModel.h"
+#include "screens/ConfirmEraseSheet.h"
+#include "screens/HomeScreen.h"
+#include "screens/MainWindow.h"
+#include "screens/Prompts.h"
+#include "screens/ResultScreens.h"
+#include "screens/RunningScreen.h"
+#include "screens/StyleParts.h"
+#include "session/FakePlatform.h"
+#include "support/TempDir.h"
+
+namespace vellum {
+namespace {
+
+using testing::FakePlatform;
+
+// Answers the screens' questions from a script and records what was asked.
+class ScriptedPrompts final : public Prompts {
+ public:
+  bool ask(QWidget*, const QString& title, const QString& message, const QString&,
+           const QString&) override {
+    asked.push_back(title + " | " + message);
+    return answerYes;
+  }
+  void inform(QWidget*, const QString& title, const QString& message) override {
+    asked.push_back(title + " | " + message);
+  }
+  std::optional<QString> saveFile(QWidget*, const QString& title,
+                                  const QString& proposedName) override {
+    asked.push_back(title + " | " + proposedName);
+    return saveTo;
+  }
+  void showFile(const QString& path) override { shown.push_back(path); }
+
+  bool answerYes = true;
+  std::optional<QString> saveTo;
+  std::vector<QString> asked;
+  std::vector<QString> shown;
+};
+
+void grab(QWidget& widget, const std::string& name) {
+  QCoreApplication::processEvents();  // pending layout requests
+  widget.grab().save(QString(VELLUM_BUILD_DIR) + "/screen-" + QString::fromStdString(name) +
+                     ".png");
+}
+
+struct App {
+  FakePlatform* fake = nullptr;
+  std::unique_ptr<CheckModel> model;
+  ScriptedPrompts prompts;
+  std::unique_ptr<MainWindow> window;
+
+  explicit App(bool demo) {
+    auto platform = std::make_unique<FakePlatform>();
+    fake = platform.get();
+    fake->add("sdb", makeDevice(SimulatedCard::genuine));
+    model = std::make_unique<CheckModel>(std::move(platform), demo);
+    window = std::make_unique<MainWindow>(*model, prompts);
+    window->show();
+    settle();
+  }
+  ~App() {
+    window.reset();
+    model.reset();
+  }
+  void settle() const {
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return !model->isRunning() && !model->isRefreshing(); }, 120'000));
+  }
+  void click(QPushButton* button) const {
+    ASSERT_NE(button, nullptr);
+    ASSERT_TRUE(button->isVisible() && button->isEnabled()) << button->text().toStdString();
+    QTest::mouseClick(button, Qt::LeftButton);
+  }
+  void choose(int row) const {
+    QListWidget* list = window->home()->cardList();
+    QTest::mouseClick(list->viewport(), Qt::LeftButton, {},
+                      list->visualItemRect(list->item(row)).center());
+  }
+  // The erase sheet that a click opened.
+  ConfirmEraseSheet* sheet() const {
+    ConfirmEraseSheet* found = nullptr;
+    EXPECT_TRUE(QTest::qWaitFor([&] {
+      found = window->findChild<ConfirmEraseSheet*>();
+      return found && found->isVisible();
+    }));
+    return found;
+  }
+  void typeAndErase(const QString& word) const {
+    ConfirmEraseSheet* opened = sheet();
+    ASSERT_NE(opened, nullptr);
+    QTest::keyClicks(opened->typedField(), word);
+    click(opened->eraseButton());
+  }
+  std::string headline() const { return window->result()->headline()->text().toStdString(); }
+};
+
+TEST(Screens, EveryDemoRunGoesFromHomeToItsResultAndBack) {
+  App app(true);
+  ASSERT_EQ(app.window->currentScreen(), app.window->home());
+  EXPECT_EQ(app.window->stepBar()->accessibleName(), "Step 2 of 4");
+  // Demo cards cannot be formatted.
+  EXPECT_FALSE(app.window->home()->formatButton()->isEnabled());
+  grab(*app.window, "home");
+
+  app.choose(1);  // the fake demo card
+  app.click(app.window->home()->runButton(CheckAction::quick));
+  ASSERT_EQ(app.prompts.asked.size(), 1u);
+  EXPECT_TRUE(
+      app.prompts.asked[0].startsWith("Run a Quick Check? | Vellum writes small test "
+                                      "blocks across the card"));
+  EXPECT_EQ(app.window->currentScreen(), app.window->running());
+  app.settle();
+  ASSERT_EQ(app.window->currentScreen(), app.window->result());
+  EXPECT_EQ(app.window->stepBar()->current(), 4);
+  EXPECT_EQ(app.window->result()->chart(), nullptr);
+  EXPECT_FALSE(app.window->result()->formatButton()->isVisible());
+  grab(*app.window, "result-quick-fake");
+  app.click(app.window->result()->doneButton());
+  EXPECT_EQ(app.window->currentScreen(), app.window->home());
+
+  app.choose(2);  // failing
+  app.click(app.window->home()->runButton(CheckAction::health));
+  app.settle();
+  EXPECT_EQ(app.headline(), "Unreadable areas");
+  grab(*app.window, "result-health-failing");
+  app.click(app.window->result()->doneButton());
+
+  app.choose(0);  // genuine
+  app.click(app.window->home()->runButton(CheckAction::full));
+  ConfirmEraseSheet* sheet = app.sheet();
+  ASSERT_NE(sheet, nullptr);
+  QTest::keyClicks(sheet->typedField(), "Erase");
+  EXPECT_FALSE(sheet->eraseButton()->isEnabled());
+  sheet->typedField()->clear();
+  QTest::keyClicks(sheet->typedField(), "erase");
+  EXPECT_TRUE(sheet->eraseButton()->isEnabled());
+  grab(*sheet, "sheet-full-demo");
+  app.click(sheet->eraseButton());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return app.model->progress().has_value(); }, 10'000));
+  grab(*app.window, "running-full");
+  app.settle();
+  EXPECT_NE(app.window->result()->chart(), nullptr);
+  grab(*app.window, "result-full-genuine");
+  app.click(app.window->result()->doneButton());
+
+  app.click(app.window->home()->runButton(CheckAction::wipe));
+  app.typeAndErase("erase");
+  app.settle();
+  EXPECT_EQ(app.window->result()->saveButton()->text(), "Save Certificate\u2026");
+  grab(*app.window, "result-wipe");
+
+  // The certificate is saved where the panel said, and shown in the file manager.
+  const testing::TempDir folder;
+  const QString pdf = QString::fromStdString(folder.file("certificate.pdf"));
+  app.prompts.saveTo = pdf;
+  app.click(app.window->result()->saveButton());
+  EXPECT_TRUE(
+      app.prompts.asked.back().startsWith("Save Erasure Certificate | Vellum Wipe Demo "
+                                          "card (genuine) "));
+  ASSERT_EQ(app.prompts.shown, std::vector<QString>{pdf});
+  QProcess text;
+  text.start("/usr/bin/pdftotext", {pdf, "-"});
+  ASSERT_TRUE(text.waitForFinished());
+  EXPECT_TRUE(text.readAllStandardOutput().contains("Certificate of erasure"));
+}
+
+TEST(Screens, StopReturnsHomeAndDisksAskForTheirOwnName) {
+  App app(false);
+  EXPECT_EQ(app.window->stepBar()->status(), "Insert a card or drive and choose it below.");
+  EXPECT_FALSE(app.window->home()->formatButton()->isEnabled());
+  app.choose(0);
+  EXPECT_TRUE(app.window->home()->formatButton()->isEnabled());
+
+  // The word is the disk's own name, exactly.
+  app.click(app.window->home()->runButton(CheckAction::full));
+  ConfirmEraseSheet* sheet = app.sheet();
+  ASSERT_NE(sheet, nullptr);
+  QTest::keyClicks(sheet->typedField(), "SDB");
+  EXPECT_FALSE(sheet->eraseButton()->isEnabled());
+  sheet->typedField()->setText("sdb");
+  EXPECT_TRUE(sheet->eraseButton()->isEnabled());
+  EXPECT_NE(sheet->findChild<QPushButton*>(), nullptr);
+  grab(*sheet, "sheet-full-disk");
+  app.click(sheet->eraseButton());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return app.model->progress().has_value(); }, 10'000));
+  app.click(app.window->running()->stopButton());
+  EXPECT_TRUE(
+      app.prompts.asked.back().startsWith("Stop the Full Test? | The card has already "
+                                          "been partly overwritten"));
+  app.settle();
+  EXPECT_EQ(app.window->currentScreen(), app.window->home());
+
+  app.click(app.window->home()->formatButton());
+  sheet = app.sheet();
+  ASSERT_NE(sheet, nullptr);
+  grab(*sheet, "sheet-format");
+  QTest::keyClicks(sheet->typedField(), "sdb");
+  app.click(sheet->eraseButton());
+  app.settle();
+  EXPECT_EQ(app.window->currentScreen(), app.window->result());
+  ASSERT_EQ(app.fake->formats.size(), 1u);
+  EXPECT_EQ(app.fake->formats[0].name, "UNTITLED");
+  app.click(app.window->result()->doneButton());
+
+  app.fake->disks.at("sdb").refusal = "sdb is write-protected.";
+  app.choose(0);
+  app.click(app.window->home()->runButton(CheckAction::wipe));
+  app.typeAndErase("sdb");
+  app.settle();
+  ASSERT_EQ(app.window->currentScreen(), app.window->failure());
+  EXPECT_EQ(app.window->failure()->message()->text(), "sdb is write-protected.");
+  grab(*app.window, "failure");
+  app.click(app.window->failure()->backButton());
+  EXPECT_EQ(app.window->currentScreen(), app.window->home());
+}
+
+}  // namespace
+}  // namespace vellum
+
+int main(int argc, char** argv) {
+  const vellum::testing::TempDir config;
+  qputenv("XDG_CONFIG_HOME", config.path().c_str());
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  QApplication application(argc, argv);
+  QApplication::setOrganizationName("VellumCheckTests");
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
