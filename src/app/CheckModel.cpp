@@ -21,7 +21,19 @@ bool addsSpeedSample(const CheckProgress& progress) {
 }  // namespace
 
 void ProgressRelay::send(const CheckProgress& progress) const {
-  deliver([progress](CheckModel& model) { model.update(progress); });
+  {
+    const std::lock_guard lock(batch_->mutex);
+    batch_->waiting.push_back(progress);
+    if (batch_->waiting.size() > 1) return;  // already on its way
+  }
+  deliver([batch = batch_](CheckModel& model) {
+    std::vector<CheckProgress> arrived;
+    {
+      const std::lock_guard lock(batch->mutex);
+      arrived.swap(batch->waiting);
+    }
+    model.update(arrived);
+  });
 }
 
 void ProgressRelay::deliver(std::function<void(CheckModel&)> call) const {
@@ -207,12 +219,17 @@ void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> ba
   });
 }
 
-void CheckModel::update(const CheckProgress& progress) {
+void CheckModel::update(const std::vector<CheckProgress>& batch) {
   // A late progress of a run that has ended must not bring it back.
-  if (!isRunning()) return;
-  setProgress(progress);
-  if (!addsSpeedSample(progress)) return;
-  speedHistory_.append(*progress.bytesPerSecond / 1'000'000.0);
+  if (!isRunning() || batch.empty()) return;
+  setProgress(batch.back());
+  bool sampled = false;
+  for (const CheckProgress& progress : batch) {
+    if (!addsSpeedSample(progress)) continue;
+    speedHistory_.append(*progress.bytesPerSecond / 1'000'000.0);
+    sampled = true;
+  }
+  if (!sampled) return;
   if (speedHistory_.size() > kMaxSpeedSamples) {
     speedHistory_.remove(0, speedHistory_.size() - kMaxSpeedSamples);
   }

@@ -35,12 +35,19 @@ class ProgressRelay {
  public:
   explicit ProgressRelay(std::shared_ptr<ModelLink> link) : link_(std::move(link)) {}
 
-  // Callable from any thread.
+  // Callable from any thread. Progress that arrives while an earlier batch
+  // waits for the user-interface thread joins that batch, so a fast run
+  // cannot flood the event loop.
   void send(const CheckProgress& progress) const;
   void deliver(std::function<void(CheckModel&)> call) const;
 
  private:
+  struct Batch {
+    std::mutex mutex;
+    std::vector<CheckProgress> waiting;
+  };
   std::shared_ptr<ModelLink> link_;
+  std::shared_ptr<Batch> batch_ = std::make_shared<Batch>();
 };
 
 // The application's one driver: the card list and selection, the stage, the
@@ -124,8 +131,10 @@ class CheckModel final : public QObject {
   // With demo cards on, selects the card VLAutoCard names and runs VLAutoRun.
   void autoRunIfRequested();
 
-  // Called on the user-interface thread by the run's relay.
-  void update(const CheckProgress& progress);
+  // Called on the user-interface thread by the run's relay: the latest
+  // progress is shown, every one of them adds its speed sample.
+  void update(const CheckProgress& progress) { update(std::vector{progress}); }
+  void update(const std::vector<CheckProgress>& batch);
 
  signals:
   void stageChanged();
