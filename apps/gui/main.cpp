@@ -5,6 +5,7 @@
 #include <QCommandLineParser>
 
 #include "app/CheckModel.h"
+#include "app/DiskWatcher.h"
 #include "screens/MainWindow.h"
 #include "screens/Prompts.h"
 #include "screens/Symbols.h"
@@ -29,6 +30,11 @@ int main(int argc, char** argv) {
 
   vellum::CheckModel model(std::make_unique<vellum::LinuxPlatform>(),
                            parser.isSet(demo) ? std::optional(true) : std::nullopt);
+  // Demo mode lists no real disks, so insertions change nothing there.
+  vellum::DiskWatcher watcher;
+  if (!model.simulate()) {
+    QObject::connect(&watcher, &vellum::DiskWatcher::changed, &model, &vellum::CheckModel::refresh);
+  }
   vellum::DesktopPrompts prompts;
   vellum::MainWindow window(model, prompts);
   window.show();

@@ -22,7 +22,9 @@ UnmountMethod unmountMethod() {
 LinuxPlatform::LinuxPlatform() = default;
 
 std::vector<ExternalDisk> LinuxPlatform::externalDisks(bool includeDiskImages) {
-  return DiskEnumerator::externalDisks(includeDiskImages, access_.paths);
+  // Where disk images may be written (VL_ALLOW_DISK_IMAGES), they are listed.
+  return DiskEnumerator::externalDisks(includeDiskImages || access_.paths.allowDiskImages,
+                                       access_.paths);
 }
 
 DiskIdentity LinuxPlatform::inspect(const std::string& name, Allowance allowance) {
