@@ -13,6 +13,6 @@ run_suite() {
   ctest --test-dir "$dir" --output-on-failure -j2 --timeout 600
 }
 
-run_suite build/test -DCMAKE_BUILD_TYPE=RelWithDebInfo
+run_suite build/test -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   run_suite build/sanitize -DCMAKE_BUILD_TYPE=Debug -DVELLUM_SANITIZE=ON
