@@ -1,6 +1,8 @@
 #include "screens/MainWindow.h"
 
 #include <QAction>
+#include <QCoreApplication>
+#include <QDesktopServices>
 #include <QFrame>
 #include <QMenuBar>
 #include <QStackedWidget>
@@ -12,6 +14,7 @@
 #include "screens/RunningScreen.h"
 #include "screens/StyleParts.h"
 #include "screens/Symbols.h"
+#include "updates/UpdateChecker.h"
 
 namespace vellum {
 
@@ -52,6 +55,21 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
   QAction* quit = menu->addAction("&Quit");
   quit->setShortcut(QKeySequence::Quit);
   connect(quit, &QAction::triggered, this, &QWidget::close);
+
+  // It only reads the feed; the download page opens in the browser.
+  auto* updates =
+      new UpdateChecker(UpdateChecker::configuredFeed(), QCoreApplication::applicationVersion(),
+                        std::chrono::seconds(10), this);
+  connect(checkForUpdates_, &QAction::triggered, updates, &UpdateChecker::check);
+  connect(updates, &UpdateChecker::finished, this, [this, &prompts](const UpdateCheck& check) {
+    const auto* available = std::get_if<update_check::Available>(&check);
+    if (!available) {
+      prompts.inform(this, "Check for Updates", describe(check));
+    } else if (prompts.ask(this, "Check for Updates", describe(check), "Open Download Page",
+                           "Later")) {
+      QDesktopServices::openUrl(available->release.downloadPage);
+    }
+  });
 
   connect(result_, &ResultScreen::formatRequested, home_,
           [this] { home_->start(CheckAction::format); });
