@@ -10,6 +10,7 @@
 
 #include "app/CheckModel.h"
 #include "screens/HomeScreen.h"
+#include "screens/Prompts.h"
 #include "screens/ResultScreens.h"
 #include "screens/RunningScreen.h"
 #include "screens/StyleParts.h"
