@@ -1,6 +1,7 @@
 #include "screens/MainWindow.h"
 
 #include <QAction>
+#include <QCloseEvent>
 #include <QCoreApplication>
 #include <QDesktopServices>
 #include <QFrame>
@@ -90,6 +91,14 @@ void MainWindow::showEvent(QShowEvent* event) {
   shown_ = true;
   model_.refresh();
   model_.autoRunIfRequested();
+}
+
+void MainWindow::closeEvent(QCloseEvent* event) {
+  if (model_.isRunning() && !running_->askToStop()) {
+    event->ignore();
+    return;
+  }
+  QMainWindow::closeEvent(event);
 }
 
 void MainWindow::showStage() {

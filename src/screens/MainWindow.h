@@ -32,6 +32,9 @@ class MainWindow final : public QMainWindow {
 
  protected:
   void showEvent(QShowEvent* event) override;
+  // Closing during a run asks as Stop does; the run then ends (a Quick Check
+  // puts the data back) before the application exits.
+  void closeEvent(QCloseEvent* event) override;
 
  private:
   void showStage();

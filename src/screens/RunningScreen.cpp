@@ -154,15 +154,17 @@ void RunningScreen::showProgress() {
   speed_->setText(progress ? figures : QString());
 }
 
-void RunningScreen::askToStop() {
+bool RunningScreen::askToStop() {
   const auto* running = std::get_if<CheckModel::Running>(&model_.stage());
-  if (!running) return;
+  if (!running) return true;
   const QString title = QString::fromUtf8(vellum::title(running->action).data());
   if (prompts_.ask(this, "Stop the " + title + "?", stopMessage(running->action), "Stop",
                    "Keep Going")) {
     model_.cancelFlag().cancel();
     stop_->setEnabled(false);
+    return true;
   }
+  return false;
 }
 
 }  // namespace vellum

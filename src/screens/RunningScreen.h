@@ -21,13 +21,15 @@ class RunningScreen final : public QWidget {
   RunningScreen(CheckModel& model, Prompts& prompts, QWidget* parent = nullptr);
 
   QPushButton* stopButton() const { return stop_; }
+  // Asks before stopping the run, and stops it; true when it stops (or no
+  // run is under way).
+  bool askToStop();
   QProgressBar* progressBar() const { return bar_; }
   SpeedChartView* chart() const { return chart_; }
 
  private:
   void showStage();
   void showProgress();
-  void askToStop();
 
   CheckModel& model_;
   Prompts& prompts_;

@@ -197,6 +197,11 @@ TEST(Screens, StopReturnsHomeAndDisksAskForTheirOwnName) {
   grab(*sheet, "sheet-full-disk");
   app.click(sheet->eraseButton());
   ASSERT_TRUE(QTest::qWaitFor([&] { return app.model->progress().has_value(); }, 10'000));
+  // Closing the window asks first; keeping going keeps the window.
+  app.prompts.answerYes = false;
+  EXPECT_FALSE(app.window->close());
+  EXPECT_TRUE(app.model->isRunning());
+  app.prompts.answerYes = true;
   app.click(app.window->running()->stopButton());
   EXPECT_TRUE(
       app.prompts.asked.back().startsWith("Stop the Full Test? | The card has already "
