@@ -215,6 +215,12 @@ void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> ba
         relay.deliver(
             [message = qText(error.description())](CheckModel& model) { model.fail(message); });
       }
+    } catch (const std::exception& error) {
+      // Out of memory and the like: the run ends, the application stays.
+      relay.deliver([message = "The " + qText(std::string(vellum::title(ran))) +
+                               " stopped unexpectedly (" + qText(error.what()) +
+                               "). Try again; if it keeps happening, restart Vellum Check."](
+                        CheckModel& model) { model.fail(message); });
     }
   });
 }

@@ -1,6 +1,5 @@
 #include "screens/ConfirmEraseSheet.h"
 
-#include <QButtonGroup>
 #include <QDialogButtonBox>
 #include <QFormLayout>
 #include <QHBoxLayout>
