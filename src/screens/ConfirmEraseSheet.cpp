@@ -89,12 +89,8 @@ ConfirmEraseSheet::ConfirmEraseSheet(CheckAction action, const Card& card, Promp
     backup_->setCheckable(true);
     connect(backup_, &QPushButton::clicked, this, &ConfirmEraseSheet::chooseBackup);
     layout->addWidget(backup_, 0, Qt::AlignLeft);
-    QLabel* size = textLabel(
-        "The backup is as large as the card. Choose a disk with enough free space.", this);
-    QPalette faded = size->palette();
-    faded.setColor(QPalette::WindowText, colors::secondary(this));
-    size->setPalette(faded);
-    layout->addWidget(size);
+    layout->addWidget(secondaryLabel(
+        "The backup is as large as the card. Choose a disk with enough free space.", this));
   }
 
   auto* prompt = new QLabel(

@@ -42,11 +42,6 @@ QString qText(std::string_view text) {
   return QString::fromUtf8(text.data(), static_cast<qsizetype>(text.size()));
 }
 
-QLabel* sectionHeading(const QString& text, QWidget* parent) {
-  QLabel* label = headingLabel(text, 1, parent);
-  return label;
-}
-
 QFrame* tileFrame(QWidget* parent) {
   auto* frame = new QFrame(parent);
   frame->setFrameShape(QFrame::StyledPanel);
@@ -69,7 +64,7 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
   layout->setSpacing(10);
 
   auto* cardHeader = new QHBoxLayout;
-  cardHeader->addWidget(sectionHeading("Card or drive", this), 1);
+  cardHeader->addWidget(headingLabel("Card or drive", 1, this), 1);
   refresh_->setIcon(symbolIcon("arrow.clockwise", colors::secondary(this), 16));
   cardHeader->addWidget(refresh_);
   layout->addLayout(cardHeader);
@@ -92,7 +87,7 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
   layout->addWidget(listOrHint_);
 
   layout->addSpacing(6);
-  layout->addWidget(sectionHeading("Tests", this));
+  layout->addWidget(headingLabel("Tests", 1, this));
   auto* tiles = new QGridLayout;
   tiles->setSpacing(10);
   for (std::size_t index = 0; index < kTiles.size(); ++index) {
@@ -106,11 +101,7 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
                           Qt::AlignTop);
     tileLayout->addWidget(headingLabel(title, 1, frame), 0, 1);
     tileLayout->addWidget(textLabel(tile.summary, frame), 1, 1);
-    QLabel* fact = textLabel(tile.fact, frame);
-    QPalette faded = fact->palette();
-    faded.setColor(QPalette::WindowText, colors::secondary(this));
-    fact->setPalette(faded);
-    tileLayout->addWidget(fact, 2, 1);
+    tileLayout->addWidget(secondaryLabel(tile.fact, frame), 2, 1);
     auto* run = new QPushButton("Run " + title, frame);
     run->setAccessibleName("Run " + title);
     tileLayout->addWidget(run, 3, 1, Qt::AlignLeft);

@@ -20,12 +20,6 @@ QString qText(const std::string& text) {
   return QString::fromStdString(text);
 }
 
-void fade(QLabel* label) {
-  QPalette palette = label->palette();
-  palette.setColor(QPalette::WindowText, colors::secondary(label));
-  label->setPalette(palette);
-}
-
 }  // namespace
 
 ResultScreen::ResultScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
@@ -70,9 +64,7 @@ void ResultScreen::showResult() {
   top->setSpacing(14);
   top->addWidget(symbolLabel(summary.symbol, tone, 44, body), 0, Qt::AlignTop);
   headline_ = headingLabel(qText(summary.headline), 8, body);
-  QPalette colored = headline_->palette();
-  colored.setColor(QPalette::WindowText, tone);
-  headline_->setPalette(colored);
+  setTextColor(headline_, tone);
   headline_->setObjectName("headline");
   auto* texts = new QVBoxLayout;
   texts->addWidget(headline_);
@@ -84,9 +76,8 @@ void ResultScreen::showResult() {
   facts->setHorizontalSpacing(24);
   facts->setVerticalSpacing(6);
   for (std::size_t row = 0; row < summary.facts.size(); ++row) {
-    QLabel* label = textLabel(qText(summary.facts[row].label), body);
+    QLabel* label = secondaryLabel(qText(summary.facts[row].label), body);
     label->setWordWrap(false);
-    fade(label);
     facts->addWidget(label, static_cast<int>(row), 0, Qt::AlignTop);
     facts->addWidget(textLabel(qText(summary.facts[row].value), body), static_cast<int>(row), 1);
   }
@@ -101,9 +92,7 @@ void ResultScreen::showResult() {
     chart->setMinimumHeight(150);
     chart_ = chart;
     layout->addWidget(chart);
-    QLabel* unit = textLabel("MB/s", body);
-    fade(unit);
-    layout->addWidget(unit);
+    layout->addWidget(secondaryLabel("MB/s", body));
   }
   if (!summary.advice.empty()) {
     layout->addWidget(headingLabel("What to do", 1, body));

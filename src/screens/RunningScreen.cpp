@@ -92,11 +92,7 @@ RunningScreen::RunningScreen(CheckModel& model, Prompts& prompts, QWidget* paren
   figures->addWidget(speed_, 0, Qt::AlignTop);
   layout->addLayout(figures);
   layout->addSpacing(8);
-  QLabel* chartTitle = textLabel("Speed, MB/s", this);
-  QPalette faded = chartTitle->palette();
-  faded.setColor(QPalette::WindowText, colors::secondary(this));
-  chartTitle->setPalette(faded);
-  layout->addWidget(chartTitle);
+  layout->addWidget(secondaryLabel("Speed, MB/s", this));
   chart_->setMaximumHeight(260);
   layout->addWidget(chart_, 1);
   layout->addStretch();

@@ -35,6 +35,18 @@ QLabel* textLabel(const QString& text, QWidget* parent) {
   return label;
 }
 
+void setTextColor(QLabel* label, const QColor& color) {
+  QPalette palette = label->palette();
+  palette.setColor(QPalette::WindowText, color);
+  label->setPalette(palette);
+}
+
+QLabel* secondaryLabel(const QString& text, QWidget* parent) {
+  QLabel* label = textLabel(text, parent);
+  setTextColor(label, colors::secondary(parent));
+  return label;
+}
+
 QLabel* headingLabel(const QString& text, int extraPoints, QWidget* parent) {
   auto* label = textLabel(text, parent);
   QFont font = label->font();
@@ -62,11 +74,8 @@ BrandHeader::BrandHeader(const QString& title, const QString& subtitle, QWidget*
   auto* texts = new QVBoxLayout;
   texts->setSpacing(2);
   texts->addWidget(headingLabel(title, 6, this));
-  QLabel* tagline = textLabel(subtitle, this);
+  QLabel* tagline = secondaryLabel(subtitle, this);
   tagline->setObjectName("subtitle");
-  QPalette faded = tagline->palette();
-  faded.setColor(QPalette::WindowText, colors::secondary(this));
-  tagline->setPalette(faded);
   texts->addWidget(tagline);
   layout->addLayout(texts, 1);
 }

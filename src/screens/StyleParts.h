@@ -25,6 +25,10 @@ QColor secondary(const QWidget* widget);
 QLabel* textLabel(const QString& text, QWidget* parent = nullptr);
 // A label in a larger, bolder font; points are added to the default size.
 QLabel* headingLabel(const QString& text, int extraPoints, QWidget* parent = nullptr);
+// Body text in the faded secondary colour (facts' labels, hints).
+QLabel* secondaryLabel(const QString& text, QWidget* parent = nullptr);
+// Draws the label's text in color.
+void setTextColor(QLabel* label, const QColor& color);
 // A square label holding a symbol.
 QLabel* symbolLabel(std::string_view symbol, const QColor& color, int size,
                     QWidget* parent = nullptr);
