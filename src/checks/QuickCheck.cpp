@@ -1,6 +1,7 @@
 #include "checks/QuickCheck.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -11,6 +12,7 @@
 #include "bytes/Checked.h"
 #include "bytes/DeviceError.h"
 #include "checks/TestPattern.h"
+#include "devices/WriteError.h"
 
 namespace vellum {
 
@@ -20,6 +22,10 @@ using Verdicts = std::map<std::uint64_t, TestPattern::Verdict>;
 
 constexpr std::uint64_t kSampleReadBytes = 4'194'304;
 constexpr std::uint64_t kProgressStep = 32;
+// The cache flush reads and writes in pieces of this size, and counts one
+// progress step for every kFlushStepBytes.
+constexpr std::uint64_t kFlushPieceBytes = 4'194'304;
+constexpr std::uint64_t kFlushStepBytes = 32'768;
 // Refinement stops once the boundary is known to 0.1% of the verified size,
 // or after this many rounds (each narrows the gap about 129-fold).
 constexpr int kMaxRefinementRounds = 6;
@@ -118,20 +124,34 @@ class WrapFinder {
 
 // Writes test blocks at a sorted list of unit indices, reads them back and
 // puts the original data back. Once the originals are saved, every later
-// failure (including cancellation) is held until the restore has run.
+// failure (including cancellation) is held until the restore has run. With a
+// journal, the originals are on stable storage before the first write.
 class Probe {
  public:
   Probe(BlockDevice& device, std::uint64_t unit, const TestPattern& pattern,
-        const CancellationFlag& cancel, const ProgressCallback& progress)
-      : device_(device), unit_(unit), pattern_(pattern), cancel_(cancel), progress_(progress) {}
+        std::uint64_t flushBytes, UndoJournal* journal, const CancellationFlag& cancel,
+        const ProgressCallback& progress)
+      : device_(device),
+        unit_(unit),
+        pattern_(pattern),
+        flushBytes_(flushBytes),
+        journal_(journal),
+        cancel_(cancel),
+        progress_(progress) {}
 
   Verdicts run(const std::vector<std::uint64_t>& points) {
     const std::uint64_t n = points.size();
+    const std::vector<Extent> area = flushArea(points);
+    std::uint64_t areaSteps = 0;
+    for (const Extent& extent : area)
+      areaSteps += extent.length / kFlushStepBytes;
+    const std::uint64_t total = 3 * n + areaSteps;
     std::uint64_t done = 0;
-    const auto step = [&] {
-      ++done;
-      if (progress_ && (done % kProgressStep == 0 || done == 3 * n)) {
-        progress_(CheckProgress{CheckProgress::Phase::probing, done, 3 * n, std::nullopt});
+    const auto step = [&](std::uint64_t count = 1) {
+      const std::uint64_t before = done;
+      done += count;
+      if (progress_ && (done / kProgressStep != before / kProgressStep || done == total)) {
+        progress_(CheckProgress{CheckProgress::Phase::probing, done, total, std::nullopt});
       }
     };
 
@@ -144,7 +164,9 @@ class Probe {
     for (const std::uint64_t p : points) {
       cancel_.throwIfCancelled();
       try {
-        originals.emplace(p, device_.read(offsetOf(p), toSigned(unit_)));
+        Bytes original = device_.read(offsetOf(p), toSigned(unit_));
+        if (journal_) journal_->saveOriginal(offsetOf(p), original);
+        originals.emplace(p, std::move(original));
         written.push_back(p);
       } catch (const DeviceError& error) {
         if (!error.isMediumFailure()) throw;  // the card is gone
@@ -152,6 +174,7 @@ class Probe {
       }
       step();
     }
+    if (journal_) journal_->commit();
 
     std::exception_ptr pending;
     try {
@@ -165,6 +188,7 @@ class Probe {
         step();
       }
       device_.synchronize();
+      flushWriteCache(area, step);
       // No cancellation check here: the restore follows anyway.
       for (const std::uint64_t p : written) {
         try {
@@ -189,7 +213,89 @@ class Probe {
   const std::set<std::uint64_t>& wrapCandidates() const { return wraps_.candidates(); }
 
  private:
+  struct Extent {
+    std::uint64_t offset;
+    std::uint64_t length;
+  };
+
   std::uint64_t offsetOf(std::uint64_t point) const { return checkedMul(point, unit_); }
+
+  // The cache flush: whole units from the start of the card that are not
+  // test points of this round, in pieces of at most kFlushPieceBytes, until
+  // flushBytes_ are covered or the card ends.
+  std::vector<Extent> flushArea(const std::vector<std::uint64_t>& points) const {
+    std::vector<Extent> area;
+    const std::set<std::uint64_t> probed(points.begin(), points.end());
+    const std::uint64_t units = device_.size() / unit_;
+    std::uint64_t covered = 0;
+    for (std::uint64_t u = 0; u < units && covered < flushBytes_; ++u) {
+      if (probed.contains(u)) continue;
+      if (!area.empty() && area.back().offset + area.back().length == offsetOf(u) &&
+          area.back().length + unit_ <= kFlushPieceBytes) {
+        area.back().length += unit_;
+      } else {
+        area.push_back({offsetOf(u), unit_});
+      }
+      covered += unit_;
+    }
+    return area;
+  }
+
+  // Some counterfeit cards answer reads of recently written blocks from a
+  // cache (up to tens of megabytes), so test blocks read back straight after
+  // writing look stored even where the flash does not exist. Rewriting more
+  // than any such cache holds between the writes and the read-back pushes
+  // the test blocks out: the reads then reach the flash. The rewritten area
+  // gets the very bytes it held (read after the test blocks were written, so
+  // a block that wrapped onto it stays), which changes nothing on the card;
+  // the journal still keeps them first, because a card that loses power in
+  // the middle of a write may damage what it was rewriting.
+  template <class Step>
+  void flushWriteCache(const std::vector<Extent>& area, const Step& step) {
+    if (area.empty()) return;
+    AlignedBuffer first(static_cast<std::size_t>(kFlushPieceBytes));
+    AlignedBuffer second(static_cast<std::size_t>(kFlushPieceBytes));
+    // A piece is rewritten only when two reads agree: bytes a flaky card
+    // returned wrongly once must not become its data. A piece that can't be
+    // read is left alone.
+    const auto readSteadily = [&](const Extent& extent) {
+      const auto length = static_cast<std::size_t>(extent.length);
+      try {
+        device_.readInto(extent.offset, first.span().first(length));
+        device_.readInto(extent.offset, second.span().first(length));
+      } catch (const DeviceError& error) {
+        if (!error.isMediumFailure()) throw;
+        return false;
+      }
+      return std::memcmp(first.data(), second.data(), length) == 0;
+    };
+    const auto piece = [&](std::uint64_t length) {
+      return first.span().first(static_cast<std::size_t>(length));
+    };
+    if (journal_) {
+      for (const Extent& extent : area) {
+        if (readSteadily(extent)) {
+          journal_->saveRegion(extent.offset, piece(extent.length));
+        } else {
+          step(extent.length / kFlushStepBytes);
+        }
+      }
+      journal_->commit();
+      for (std::size_t i = 0; i < journal_->regionCount(); ++i) {
+        const std::uint64_t length = journal_->regionSize(i);
+        device_.write(journal_->readRegion(i, piece(length)), piece(length));
+        step(length / kFlushStepBytes);
+      }
+      device_.synchronize();
+      journal_->regionRewritten();
+    } else {
+      for (const Extent& extent : area) {
+        if (readSteadily(extent)) device_.write(extent.offset, piece(extent.length));
+        step(extent.length / kFlushStepBytes);
+      }
+      device_.synchronize();
+    }
+  }
 
   void restore(const std::map<std::uint64_t, Bytes>& originals) {
     if (progress_) {
@@ -198,16 +304,22 @@ class Probe {
     for (auto it = originals.rbegin(); it != originals.rend(); ++it) {
       try {
         device_.write(offsetOf(it->first), it->second);
+      } catch (const WriteError& error) {
+        if (error.is<WriteError::Removed>()) throw;  // the journal has the rest
+        throw CheckError::restoreFailed(offsetOf(it->first));
       } catch (...) {
         throw CheckError::restoreFailed(offsetOf(it->first));
       }
     }
     device_.synchronize();
+    if (journal_) journal_->startOver();
   }
 
   BlockDevice& device_;
   std::uint64_t unit_;
   const TestPattern& pattern_;
+  std::uint64_t flushBytes_;
+  UndoJournal* journal_;
   const CancellationFlag& cancel_;
   const ProgressCallback& progress_;
   WrapFinder wraps_;
@@ -295,23 +407,44 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const Cancellati
 }  // namespace
 
 QuickCheck::Result QuickCheck::run(BlockDevice& device, const CancellationFlag& cancel,
-                                   const ProgressCallback& progress) const {
+                                   const ProgressCallback& progress,
+                                   const std::optional<JournalPlace>& journalPlace) const {
   const double start = monotonicSeconds();
   const std::uint64_t unit =
       std::max<std::uint64_t>(toUnsigned(device.blockSize()), TestPattern::blockSize);
   const std::uint64_t units = device.size() / unit;
   if (units < 16) throw CheckError::deviceTooSmall();
 
+  VL_PRECONDITION(cacheFlushBytes >= 0);
   const TestPattern pattern(randomNonZeroSeed());
-  Probe probe(device, unit, pattern, cancel, progress);
-  Verdicts verdicts = probe.run(firstPassPoints(points, units));
-  for (int round = 0; round < kMaxRefinementRounds; ++round) {
-    const std::vector<std::uint64_t> extra =
-        gapPoints(verdicts, refinementPoints, round, probe.wrapCandidates());
-    if (extra.empty()) break;
-    for (auto& [index, verdict] : probe.run(extra))
-      verdicts.insert_or_assign(index, verdict);
+  const std::vector<std::uint64_t> firstPass = firstPassPoints(points, units);
+  std::unique_ptr<UndoJournal> journal;
+  if (journalPlace) {
+    // Room for the largest round: the first pass's originals and the flush,
+    // each record with its framing.
+    const std::uint64_t records = firstPass.size() + toUnsigned(cacheFlushBytes) / unit + 2;
+    journal = UndoJournal::create(
+        journalPlace->folder, journalPlace->card, pattern.nonce(), unit,
+        checkedAdd(checkedMul(records, unit + 64), toUnsigned(cacheFlushBytes)));
   }
+  Verdicts verdicts;
+  try {
+    Probe probe(device, unit, pattern, toUnsigned(cacheFlushBytes), journal.get(), cancel,
+                progress);
+    verdicts = probe.run(firstPass);
+    for (int round = 0; round < kMaxRefinementRounds; ++round) {
+      const std::vector<std::uint64_t> extra =
+          gapPoints(verdicts, refinementPoints, round, probe.wrapCandidates());
+      if (extra.empty()) break;
+      for (auto& [index, verdict] : probe.run(extra))
+        verdicts.insert_or_assign(index, verdict);
+    }
+  } catch (...) {
+    // Kept while it holds bytes that may not be back on the card.
+    if (journal && !journal->holdsRecords()) journal->remove();
+    throw;
+  }
+  if (journal) journal->remove();
 
   Result result;
   result.readMBps = readSample(device, readSampleBytes, cancel, progress);

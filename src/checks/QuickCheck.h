@@ -1,10 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string_view>
 
 #include "checks/CheckTypes.h"
+#include "checks/UndoJournal.h"
 #include "devices/BlockDevice.h"
 
 namespace vellum {
@@ -16,6 +19,15 @@ struct QuickCheck {
   std::int64_t points = 1024;
   std::int64_t refinementPoints = 128;
   std::int64_t readSampleBytes = 256'000'000;
+  // Rewritten between writing and reading back the test blocks of each round,
+  // to push them out of a write cache of up to 64 MiB.
+  std::int64_t cacheFlushBytes = 80 * 1'048'576;
+
+  // Where the undo journal of a real card goes.
+  struct JournalPlace {
+    std::filesystem::path folder;
+    JournalCard card;
+  };
 
   struct Result {
     enum class Verdict { genuine, counterfeit, unreliable };
@@ -31,11 +43,14 @@ struct QuickCheck {
     bool operator==(const Result&) const = default;
   };
 
-  // Throws CheckError (cancelled, deviceTooSmall, restoreFailed) or the
-  // device's WriteError/DeviceError. Whenever the first test block has been
-  // written, every probed point is restored before any error is thrown.
+  // Throws CheckError (cancelled, deviceTooSmall, restoreFailed), the
+  // device's WriteError/DeviceError, or JournalError before anything was
+  // written. Whenever the first test block has been written, every probed
+  // point is restored before any error is thrown; if that fails (or the card
+  // was removed), the journal stays for restoreFromJournal().
   Result run(BlockDevice& device, const CancellationFlag& cancel,
-             const ProgressCallback& progress = {}) const;
+             const ProgressCallback& progress = {},
+             const std::optional<JournalPlace>& journal = std::nullopt) const;
 };
 
 std::string_view toString(QuickCheck::Result::Verdict verdict);

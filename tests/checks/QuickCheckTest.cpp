@@ -85,6 +85,7 @@ TEST(QuickCheck, VerdictsOnDamagedCards) {
     };
     QuickCheck check;
     check.readSampleBytes = 8 * kMiB;
+    check.cacheFlushBytes = 0;
     const QuickCheck::Result r = check.run(faulty, CancellationFlag{});
     EXPECT_EQ(std::tuple(r.verdict, r.claimedBytes, r.verifiedBytes, r.pointsTested,
                          r.pointsAliased, r.pointsCorrupt, r.pointsIntact, written),
@@ -113,7 +114,8 @@ TEST(QuickCheck, NeedsSixteenWholeUnitsAndSkipsAPartialOne) {
   FaultyDevice faulty(card);
   std::set<std::uint64_t> probed;
   faulty.beforeWrite = [&](std::uint64_t offset, std::size_t) { probed.insert(offset); };
-  const QuickCheck::Result result = QuickCheck{}.run(faulty, CancellationFlag{});
+  const QuickCheck::Result result =
+      QuickCheck{.cacheFlushBytes = 0}.run(faulty, CancellationFlag{});
   EXPECT_EQ(std::tuple(result.claimedBytes, result.verifiedBytes, result.pointsTested),
             std::tuple(5000 * kUnit + 100, 5000 * kUnit, 1025));
   EXPECT_EQ(std::tuple(probed.size(), *probed.rbegin(), faulty.synchronizations),
@@ -155,7 +157,8 @@ TEST(QuickCheck, CardDataIsRestoredBeforeAnyErrorReachesTheCaller) {
     FaultyDevice faulty(card);
     CancellationFlag flag;
     step.arm(faulty, flag);
-    EXPECT_EQ(errorText([&] { QuickCheck{}.run(faulty, flag); }), error) << step.k;
+    EXPECT_EQ(errorText([&] { QuickCheck{.cacheFlushBytes = 0}.run(faulty, flag); }), error)
+        << step.k;
     EXPECT_TRUE(writes >= 0 ? faulty.writes == writes : faulty.writes > 2 * 1025 + 3)
         << error << ": " << faulty.writes << " writes";
     EXPECT_TRUE(error.starts_with("Couldn't put back") || card.storage() == before)
