@@ -48,6 +48,13 @@ const Command kCommands[] = {
      "  --backup FILE          first save an image of the card to FILE (a new file)\n"
      "  --force                let --backup replace an existing FILE\n"
      "  --json                 print the result as one JSON object\n"},
+    {"restore", "restore [TARGET]",
+     "Puts back the data of a Quick Check that was interrupted (the card pulled out, the "
+     "computer off), from its undo journal.",
+     runRestore,
+     "  Without TARGET, every unfinished journal is tried on the cards present now; a\n"
+     "  journal whose card is absent is kept (exit status 1). Only places that still hold\n"
+     "  that check's test data are written: anything written there since stays.\n"},
     {"image", "image SOURCE DEST [--force]",
      "Saves a byte-for-byte backup image of SOURCE to the file DEST (a new file; --force "
      "replaces an existing one).",
@@ -105,6 +112,7 @@ void printUsage(std::FILE* out) {
                "  vellum-check full sdb --backup card-backup.img --confirm sdb\n"
                "  vellum-check quick sdb --then wipe --confirm sdb\n"
                "  vellum-check quick demo:fake\n"
+               "  vellum-check restore\n"
                "  vellum-check full card.img --confirm erase --json\n"
                "  vellum-check image demo:genuine backup.img\n");
 }

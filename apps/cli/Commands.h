@@ -34,6 +34,7 @@ int runFormat(const std::vector<std::string>& words);
 int runWipe(const std::vector<std::string>& words);
 int runCarve(const std::vector<std::string>& words);
 int runExport(const std::vector<std::string>& words);
+int runRestore(const std::vector<std::string>& words);
 
 // Prints a JSON value as one line on stdout.
 void printJson(const nlohmann::json& value);

@@ -34,7 +34,8 @@ bool looksLikeDisk(const std::string& argument) {
 
 Session& session() {
   static LinuxPlatform platform;
-  static Session shared(platform, "Add --force to replace it.");
+  static Session shared(platform, "Add --force to replace it.",
+                        [](const std::string& name) { return "run vellum-check restore " + name; });
   return shared;
 }
 

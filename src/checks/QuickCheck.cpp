@@ -161,20 +161,30 @@ class Probe {
     Verdicts verdicts;
     std::map<std::uint64_t, Bytes> originals;
     std::vector<std::uint64_t> written;
-    for (const std::uint64_t p : points) {
-      cancel_.throwIfCancelled();
-      try {
-        Bytes original = device_.read(offsetOf(p), toSigned(unit_));
-        if (journal_) journal_->saveOriginal(offsetOf(p), original);
-        originals.emplace(p, std::move(original));
-        written.push_back(p);
-      } catch (const DeviceError& error) {
-        if (!error.isMediumFailure()) throw;  // the card is gone
-        verdicts.insert_or_assign(p, TestPattern::Corrupt{});
+    try {
+      for (const std::uint64_t p : points) {
+        cancel_.throwIfCancelled();
+        try {
+          Bytes original = device_.read(offsetOf(p), toSigned(unit_));
+          if (journal_) journal_->saveOriginal(offsetOf(p), original);
+          originals.emplace(p, std::move(original));
+          written.push_back(p);
+        } catch (const DeviceError& error) {
+          if (!error.isMediumFailure()) throw;  // the card is gone
+          verdicts.insert_or_assign(p, TestPattern::Corrupt{});
+        }
+        step();
       }
-      step();
+      if (journal_) journal_->commit();
+    } catch (...) {
+      // Nothing was written, so nothing needs undoing. Should emptying the
+      // journal fail, restoring later finds every place as it was.
+      try {
+        if (journal_) journal_->startOver();
+      } catch (const JournalError&) {
+      }
+      throw;
     }
-    if (journal_) journal_->commit();
 
     std::exception_ptr pending;
     try {

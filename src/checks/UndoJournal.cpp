@@ -277,8 +277,12 @@ void UndoJournal::startOver() {
 void UndoJournal::remove() {
   if (removed_) return;
   removed_ = true;
-  ::unlink(path_.c_str());
-  syncFolder(path_.parent_path());
+  removeJournal(path_);
+}
+
+void removeJournal(const std::filesystem::path& path) {
+  ::unlink(path.c_str());
+  syncFolder(path.parent_path());
 }
 
 std::vector<PendingJournal> pendingJournals(const std::filesystem::path& folder) {
@@ -380,8 +384,7 @@ RestoreReport restoreFromJournal(const PendingJournal& journal, BlockDevice& dev
   }
   device.synchronize();
   std::sort(report.changedSince.begin(), report.changedSince.end());
-  ::unlink(journal.path.c_str());
-  syncFolder(journal.path.parent_path());
+  report.provenSameCard = provenSameCard;
   return report;
 }
 

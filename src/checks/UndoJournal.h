@@ -129,14 +129,18 @@ struct RestoreReport {
   // Points that hold neither: written since the check, so left alone.
   std::vector<std::uint64_t> changedSince;
   std::int64_t areaBytesRestored = 0;  // bytes of an interrupted cache flush
+  // Some place still held the check's own test block: this is its card.
+  bool provenSameCard = false;
 };
 
-// Puts the card back as it was before the journal's check, then deletes the
-// journal. A test point is written only while it still holds that check's
-// own test block (same nonce and index), so data written since is never
+// Puts the card back as it was before the journal's check; the caller then
+// deletes the journal (removeJournal) or keeps it. A test point is written only while it still
+// holds that check's own test block (same nonce and index), so data written since is never
 // overwritten. An area whose rewrite was interrupted is put back only where
 // it differs, and only when a test block of that check proves this is the
 // card. Throws the device's errors (the journal stays) or JournalError.
 RestoreReport restoreFromJournal(const PendingJournal& journal, BlockDevice& device);
+// Deletes a journal file (and flushes its folder, best effort).
+void removeJournal(const std::filesystem::path& path);
 
 }  // namespace vellum

@@ -76,9 +76,14 @@ DiskIdentity DeviceGuard::inspect(const std::string& deviceIdentifier, Allowance
                               " is write-protected. Slide the card's lock switch off and insert "
                               "it again.");
   }
-  return DiskIdentity{
-      name,     sizeBytes, blockSize, facts->mediaName, facts->busProtocol, facts->deviceTreePath,
-      allowance};
+  return DiskIdentity{name,
+                      sizeBytes,
+                      blockSize,
+                      facts->mediaName,
+                      facts->busProtocol,
+                      facts->deviceTreePath,
+                      allowance,
+                      facts->serial};
 }
 
 WriteError DeviceGuard::changed(const std::string& deviceIdentifier) {

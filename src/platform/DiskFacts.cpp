@@ -238,6 +238,12 @@ std::optional<DiskFacts> DiskFactsReader::facts(const std::string& name) const {
   const std::uint64_t logical = numberAttribute(located->diskDir / "queue/logical_block_size");
   facts.deviceBlockSize = logical != 0 ? static_cast<std::int64_t>(logical) : 512;
   facts.mediaName = mediaNameOf(diskName, located->diskDir, facts.busProtocol);
+  // An SD card's own serial (its CID) where the slot exposes it, else what
+  // udev knows of the device.
+  facts.serial = attribute(located->diskDir / "device/serial");
+  if (const auto it = udev.find("ID_SERIAL_SHORT"); facts.serial.empty() && it != udev.end()) {
+    facts.serial = it->second;
+  }
 
   facts.deviceTreePath = "/" + located->dir.lexically_relative(sysRoot).string();
   const std::string diskseq = attribute(located->diskDir / "diskseq");

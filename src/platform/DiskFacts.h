@@ -41,6 +41,7 @@ struct DiskFacts {
   std::uint64_t sizeBytes = 0;
   std::int64_t deviceBlockSize = 512;
   std::string mediaName;
+  std::string serial;          // the medium's or device's serial number; empty when unknown
   std::string deviceTreePath;  // "/devices/...#diskseq=N"
   bool readOnly = false;
   bool hidden = false;

@@ -33,7 +33,8 @@ void to_json(nlohmann::json& json, const DiskIdentity& identity) {
           {"mediaName", identity.mediaName},
           {"busProtocol", identity.busProtocol},
           {"ioRegistryPath", identity.ioRegistryPath},
-          {"allowance", identity.allowance}};
+          {"allowance", identity.allowance},
+          {"serial", identity.serial}};
 }
 
 void from_json(const nlohmann::json& json, DiskIdentity& identity) {
@@ -52,6 +53,7 @@ void from_json(const nlohmann::json& json, DiskIdentity& identity) {
   json.at("busProtocol").get_to(identity.busProtocol);
   json.at("ioRegistryPath").get_to(identity.ioRegistryPath);
   json.at("allowance").get_to(identity.allowance);
+  identity.serial = json.value("serial", "");
 }
 
 }  // namespace vellum

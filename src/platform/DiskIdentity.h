@@ -30,6 +30,7 @@ struct DiskIdentity {
   // sequence number, which changes whenever the medium changes.
   std::string ioRegistryPath;  // the sysfs device path + "#diskseq=N"
   Allowance allowance = Allowance::standard;
+  std::string serial;  // empty when unknown
 
   bool operator==(const DiskIdentity&) const = default;
 

@@ -44,6 +44,8 @@ class DiskPlatform {
   // the partition to what a Quick Check verified. Throws WriteError.
   virtual void format(const DiskIdentity& identity, FileSystem fileSystem, const std::string& name,
                       std::optional<std::uint64_t> usableBytes) = 0;
+  // The user's folder for what outlives a run (the Quick Check's undo journals).
+  virtual std::filesystem::path stateFolder() = 0;
 };
 
 }  // namespace vellum

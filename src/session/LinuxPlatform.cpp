@@ -9,6 +9,7 @@
 #include "platform/DiskFormatter.h"
 #include "platform/FormatHelper.h"
 #include "platform/RawDeviceAccess.h"
+#include "platform/StateFolder.h"
 
 namespace vellum {
 namespace {
@@ -68,6 +69,10 @@ void LinuxPlatform::format(const DiskIdentity& identity, FileSystem fileSystem,
   }
   formatThroughHelper(formatHelper_, FormatRequest::of(identity, fileSystem, name, usableBytes,
                                                        access_.paths.allowDiskImages));
+}
+
+std::filesystem::path LinuxPlatform::stateFolder() {
+  return userStateFolder();
 }
 
 }  // namespace vellum

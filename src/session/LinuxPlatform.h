@@ -24,6 +24,7 @@ class LinuxPlatform final : public DiskPlatform {
   std::vector<std::string> remount(const std::vector<MountedVolume>& volumes) override;
   void format(const DiskIdentity& identity, FileSystem fileSystem, const std::string& name,
               std::optional<std::uint64_t> usableBytes) override;
+  std::filesystem::path stateFolder() override;
 
  private:
   DeviceWriteAccess::Options access_;

@@ -128,6 +128,9 @@ std::string whatAStopLeaves(CheckAction action, const RunTarget& target) {
     }
     throw RunError(RunError::DeviceFailing{name + ": " + error.description() + ". The " + noun +
                                            " may be failing or write-protected."});
+  } catch (const JournalError& error) {
+    if (error.is<JournalError::CannotWrite>()) refuse(error.description());
+    throw RunError(RunError::Failed{error.description()});
   } catch (const CarveError& error) {
     throw RunError(RunError::Failed{
         name + " was overwritten, but the search for recoverable files couldn't run: " +
@@ -141,6 +144,34 @@ std::string whatAStopLeaves(CheckAction action, const RunTarget& target) {
   } catch (const Error& error) {
     throw RunError(RunError::Failed{asSentence(error.description())});
   }
+}
+
+// Who the target is for the undo journal; none for a demo card, which lives
+// in memory and goes with the process anyway.
+std::optional<JournalCard> journalCardOf(const RunTarget& target, const DiskIdentity* identity) {
+  if (identity) {
+    return JournalCard{identity->deviceIdentifier, identity->sizeBytes, identity->mediaName,
+                       identity->serial};
+  }
+  if (const ExternalDisk* disk = target.disk()) {
+    return JournalCard{disk->deviceIdentifier, disk->sizeBytes, disk->mediaName, ""};
+  }
+  if (target.card) return std::nullopt;
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(target.imageFile, error);
+  return JournalCard{std::filesystem::weakly_canonical(target.imageFile, error).string(),
+                     error ? 0 : size / 512 * 512, "Disk Image", ""};
+}
+
+std::vector<PendingJournal> journalsOf(const std::vector<PendingJournal>& all,
+                                       const JournalCard& card, bool sameNameOnly) {
+  std::vector<PendingJournal> found;
+  for (const PendingJournal& journal : all) {
+    if (sameNameOnly ? journal.card.isSameCard(card) : journal.card.couldBe(card)) {
+      found.push_back(journal);
+    }
+  }
+  return found;
 }
 
 }  // namespace
@@ -330,6 +361,13 @@ CheckOutcome Session::run(RunRequest& request, const CancellationFlag& cancel,
     } else {
       say(hooks, StatusKind::waitingForAccess, "Starting\u2026");
     }
+    if (action != CheckAction::health) {
+      const auto card = journalCardOf(target, identity ? &*identity : nullptr);
+      if (card && !journalsOf(allInterruptedChecks(), *card, true).empty()) {
+        refuse(target.name() + " still holds test data from a Quick Check that was interrupted. " +
+               "To put its data back, " + restoreHint(target) + " first.");
+      }
+    }
     if (erases(action) && hooks.confirm && !hooks.confirm(target)) {
       throw RunError(RunError::NotConfirmed{});
     }
@@ -344,36 +382,8 @@ CheckOutcome Session::runAction(RunRequest& request, const std::optional<DiskIde
                                 const CancellationFlag& cancel, const RunHooks& hooks) {
   const RunTarget& target = request.target;
   switch (request.action) {
-    case CheckAction::quick: {
-      // The Quick Check keeps the user's files, so their volumes are mounted
-      // again afterwards, once the device (held exclusively) is closed.
-      std::vector<MountedVolume> mounted;
-      if (identity) mounted = platform_.mountedVolumes(identity->deviceIdentifier);
-      std::optional<QuickCheck::Result> result;
-      std::exception_ptr failure;
-      try {
-        const OpenedDevice device = openForWriting(target, identity);
-        say(hooks, StatusKind::running, statusText(CheckAction::quick, target));
-        result = QuickCheck{}.run(*device, cancel, hooks.progress);
-      } catch (...) {
-        failure = std::current_exception();
-      }
-      if (!mounted.empty()) {
-        const std::vector<std::string> failures = platform_.remount(mounted);
-        for (const std::string& sentence : failures)
-          tell(hooks, sentence);
-        if (failures.empty()) {
-          tell(hooks,
-               mounted.size() == 1 ? "Mounted its volume again." : "Mounted its volumes again.");
-        }
-      }
-      if (failure) std::rethrow_exception(failure);
-      if (result->verdict == QuickCheck::Result::Verdict::counterfeit && identity) {
-        const std::lock_guard lock(mutex_);
-        provenFake_.insert_or_assign(identity->deviceIdentifier, result->verifiedBytes);
-      }
-      return *result;
-    }
+    case CheckAction::quick:
+      return runQuickCheck(target, identity, cancel, hooks);
     case CheckAction::full: {
       const OpenedDevice device = openForWriting(target, identity);
       say(hooks, StatusKind::running, statusText(CheckAction::full, target));
@@ -420,6 +430,112 @@ CheckOutcome Session::runAction(RunRequest& request, const std::optional<DiskIde
     }
   }
   ::vellum::detail::preconditionFailed("unreachable", __FILE__, __LINE__);
+}
+
+CheckOutcome Session::runQuickCheck(const RunTarget& target,
+                                    const std::optional<DiskIdentity>& identity,
+                                    const CancellationFlag& cancel, const RunHooks& hooks) {
+  // The Quick Check keeps the user's files, so their volumes are mounted
+  // again afterwards, once the device (held exclusively) is closed.
+  std::vector<MountedVolume> mounted;
+  if (identity) mounted = platform_.mountedVolumes(identity->deviceIdentifier);
+  const std::optional<JournalCard> card = journalCardOf(target, identity ? &*identity : nullptr);
+  std::optional<QuickCheck::JournalPlace> journal;
+  if (card) journal = QuickCheck::JournalPlace{platform_.stateFolder(), *card};
+  std::optional<QuickCheck::Result> result;
+  std::exception_ptr failure;
+  try {
+    const OpenedDevice device = openForWriting(target, identity);
+    say(hooks, StatusKind::running, statusText(CheckAction::quick, target));
+    result = QuickCheck{}.run(*device, cancel, hooks.progress, journal);
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  if (!mounted.empty()) {
+    const std::vector<std::string> failures = platform_.remount(mounted);
+    for (const std::string& sentence : failures)
+      tell(hooks, sentence);
+    if (failures.empty()) {
+      tell(hooks, mounted.size() == 1 ? "Mounted its volume again." : "Mounted its volumes again.");
+    }
+  }
+  if (failure && card && !journalsOf(allInterruptedChecks(), *card, true).empty()) {
+    // Not everything was put back: the journal has it, and says how.
+    try {
+      std::rethrow_exception(failure);
+    } catch (const WriteError& error) {
+      if (!error.is<WriteError::Removed>()) throw;
+      throw RunError(RunError::DeviceFailing{
+          target.name() + " was removed before the Quick Check had put back everything it " +
+          "wrote. Your data is kept in the undo journal: insert the " + target.noun() +
+          " again, then " + restoreHint(target) + "."});
+    } catch (const CheckError& error) {
+      throw RunError(
+          RunError::Failed{target.name() + ": " + error.description() +
+                           " The original data is kept in the undo journal; to try again, " +
+                           restoreHint(target) + "."});
+    }
+  }
+  if (failure) std::rethrow_exception(failure);
+  if (result->verdict == QuickCheck::Result::Verdict::counterfeit && identity) {
+    const std::lock_guard lock(mutex_);
+    provenFake_.insert_or_assign(identity->deviceIdentifier, result->verifiedBytes);
+  }
+  return *result;
+}
+
+std::string Session::restoreHint(const RunTarget& target) const {
+  if (restoreHint_) return restoreHint_(target.name());
+  return "choose Put Data Back";
+}
+
+std::vector<PendingJournal> Session::allInterruptedChecks() {
+  return pendingJournals(platform_.stateFolder());
+}
+
+std::vector<PendingJournal> Session::interruptedChecks(const RunTarget& target) {
+  const std::optional<JournalCard> card = journalCardOf(target, nullptr);
+  if (!card) return {};
+  return journalsOf(allInterruptedChecks(), *card, true);
+}
+
+std::vector<Session::Restored> Session::restore(RunTarget& target, const RunHooks& hooks) {
+  try {
+    std::optional<DiskIdentity> identity;
+    if (const ExternalDisk* disk = target.disk()) {
+      say(hooks, StatusKind::waitingForAccess,
+          "Waiting for access to the " + target.noun() +
+              ". You may be asked for an administrator password.");
+      identity = platform_.inspect(disk->deviceIdentifier, Allowance::claimedCapacity);
+      fillCardFacts(target, &*identity);
+    } else if (!target.card) {
+      checkImageFile(target.imageFile);
+    } else {
+      return {};
+    }
+    const std::optional<JournalCard> card = journalCardOf(target, identity ? &*identity : nullptr);
+    const std::vector<PendingJournal> journals = journalsOf(allInterruptedChecks(), *card, false);
+    if (journals.empty()) return {};
+    std::vector<MountedVolume> mounted;
+    if (identity) mounted = platform_.mountedVolumes(identity->deviceIdentifier);
+    std::vector<Restored> restored;
+    {
+      const OpenedDevice device = openForWriting(target, identity);
+      say(hooks, StatusKind::running,
+          "Putting back the data of an interrupted Quick Check on the " + target.noun() + "…");
+      for (const PendingJournal& journal : journals) {
+        Restored one{journal, restoreFromJournal(journal, *device)};
+        one.kept = !one.report.provenSameCard && !journal.card.isSameCard(*card);
+        if (!one.kept) removeJournal(journal.path);
+        restored.push_back(std::move(one));
+      }
+    }
+    for (const std::string& sentence : platform_.remount(mounted))
+      tell(hooks, sentence);
+    return restored;
+  } catch (...) {
+    rethrowAsRunError(CheckAction::quick, target);
+  }
 }
 
 std::int64_t Session::saveImage(RunTarget& target, const std::filesystem::path& destination,

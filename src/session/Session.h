@@ -10,6 +10,7 @@
 #include <string>
 
 #include "checks/CheckTypes.h"
+#include "checks/UndoJournal.h"
 #include "checks/Wipe.h"
 #include "devices/SimulatedDevice.h"
 #include "session/DiskPlatform.h"
@@ -108,10 +109,16 @@ class OpenedDevice {
 class Session {
  public:
   // replaceHint follows the sentence saying an image file already exists: how
-  // this front end lets the user replace it.
+  // this front end lets the user replace it. restoreHint says how the user
+  // puts back the data of an interrupted Quick Check on a disk or image
+  // ("choose Put Data Back").
+  using RestoreHint = std::function<std::string(const std::string& name)>;
   explicit Session(DiskPlatform& platform,
-                   std::string replaceHint = "Choose to replace it, or another name.")
-      : platform_(platform), replaceHint_(std::move(replaceHint)) {}
+                   std::string replaceHint = "Choose to replace it, or another name.",
+                   RestoreHint restoreHint = {})
+      : platform_(platform),
+        replaceHint_(std::move(replaceHint)),
+        restoreHint_(std::move(restoreHint)) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -134,6 +141,24 @@ class Session {
   // card holds what was written to it between runs.
   SimulatedDevice& simulatedDevice(SimulatedCard card);
 
+  // Journals of interrupted Quick Checks that belong to this disk or image
+  // (none for demo cards). Reads only the journals' headers.
+  std::vector<PendingJournal> interruptedChecks(const RunTarget& target);
+  // Every unfinished journal in the user's state folder.
+  std::vector<PendingJournal> allInterruptedChecks();
+
+  struct Restored {
+    PendingJournal journal;
+    RestoreReport report;
+    bool kept = false;  // not proven to be this card: the journal stays
+  };
+  // Puts back the data of the interrupted Quick Checks on the target (a disk
+  // reinserted under another name included), with the same access as a
+  // Quick Check. A journal is deleted once its card is proven (a place held
+  // the check's test block) or when the target is its card by name or
+  // serial; otherwise it stays for the right card. Throws RunError.
+  std::vector<Restored> restore(RunTarget& target, const RunHooks& hooks);
+
   // The bytes a Quick Check in this session verified on a disk it proved fake.
   std::optional<std::uint64_t> provenFake(const std::string& deviceIdentifier) const;
 
@@ -151,9 +176,13 @@ class Session {
   void checkImageDestination(const RunTarget& source, const std::filesystem::path& destination,
                              bool erasing);
   void fillCardFacts(RunTarget& target, const DiskIdentity* identity);
+  std::string restoreHint(const RunTarget& target) const;
+  CheckOutcome runQuickCheck(const RunTarget& target, const std::optional<DiskIdentity>& identity,
+                             const CancellationFlag& cancel, const RunHooks& hooks);
 
   DiskPlatform& platform_;
   const std::string replaceHint_;
+  const RestoreHint restoreHint_;
   mutable std::mutex mutex_;  // guards the two maps below
   std::map<SimulatedCard, std::unique_ptr<SimulatedDevice>> demoDevices_;
   std::map<std::string, std::uint64_t> provenFake_;

@@ -79,6 +79,7 @@ TEST(UndoJournal, EveryInterruptedCheckIsUndoneFromItsJournal) {
       ASSERT_EQ(journals.size(), 1u) << k;
       EXPECT_EQ(journals[0].card.sizeBytes, size);
       const RestoreReport report = restoreFromJournal(journals[0], card);
+      removeJournal(journals[0].path);
       EXPECT_TRUE(card.storage() == before) << "write " << k << " of a " << real << " card";
       EXPECT_TRUE(report.changedSince.empty()) << k;
       EXPECT_TRUE(pendingJournals(folder.path()).empty()) << k;
@@ -102,13 +103,15 @@ TEST(UndoJournal, PlacesWrittenSinceAreLeftAloneAndRestoringTwiceIsHarmless) {
   std::filesystem::copy_file(journal.path, copy);
 
   const RestoreReport report = restoreFromJournal(journal, card);
+  EXPECT_TRUE(report.provenSameCard);
   EXPECT_EQ(report.changedSince, std::vector<std::uint64_t>{0});
   EXPECT_GT(report.restored, 0);
   EXPECT_TRUE(card.storage() == expected);
 
   // The same journal again (say, from a backup): nothing holds its blocks.
   const RestoreReport again = restoreFromJournal({copy, journal.card, journal.nonce}, card);
-  EXPECT_EQ(std::tuple(again.restored, again.areaBytesRestored), std::tuple(0, 0));
+  EXPECT_EQ(std::tuple(again.restored, again.areaBytesRestored, again.provenSameCard),
+            std::tuple(0, 0, false));
   EXPECT_TRUE(card.storage() == expected);
 }
 

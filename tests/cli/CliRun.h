@@ -21,10 +21,21 @@ namespace vellum::testing {
 
 constexpr std::uint64_t kMiB = 1 << 20;
 
+// The state folder of the commands these tests run (undo journals), so that
+// they never touch the real user's.
+inline const TempDir& stateHome() {
+  static const TempDir home;
+  return home;
+}
+inline std::string stateHomeVariable() {
+  return "XDG_STATE_HOME=" + stateHome().path().string();
+}
+
 // allowImages lets the guard accept loop devices over image files as disks.
 inline ProcessResult cli(std::vector<std::string> arguments, bool allowImages = true,
                          std::vector<std::string> environment = {}) {
   arguments.insert(arguments.begin(), VELLUM_CHECK_BINARY);
+  environment.push_back(stateHomeVariable());
   if (allowImages) environment.push_back("VL_ALLOW_DISK_IMAGES=1");
   return runProcess(arguments, {}, environment);
 }
@@ -39,8 +50,8 @@ struct TerminalRun {
 inline TerminalRun cliOnTerminal(std::vector<std::string> arguments, const std::string& cue,
                                  const std::optional<std::string>& answer = std::nullopt,
                                  int stop = SIGINT) {
-  arguments.insert(arguments.begin(),
-                   {"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1", VELLUM_CHECK_BINARY});
+  arguments.insert(arguments.begin(), {"/usr/bin/env", "VL_ALLOW_DISK_IMAGES=1",
+                                       stateHomeVariable(), VELLUM_CHECK_BINARY});
   TerminalRun run;
   run.result = runOnTerminal(arguments, [&](const std::string& output, int pid, int terminal) {
     if (run.acted || output.find(cue) == std::string::npos) return;

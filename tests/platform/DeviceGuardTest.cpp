@@ -153,9 +153,9 @@ TEST(DeviceGuard, IdentityRecordsWhatWasSeenAndRevalidateCatchesEveryChange) {
     FakeSystem fake;
     buildGuardMachine(fake);
     const DiskIdentity identity = DeviceGuard::inspect("sdb", Allowance::standard, fake.paths());
-    EXPECT_EQ(identity,
-              (DiskIdentity{"sdb", 62333952ull * 512, 512, "Generic STORAGE DEVICE", "usb",
-                            "/devices/" + scsi + "/block/sdb#diskseq=21", Allowance::standard}));
+    EXPECT_EQ(identity, (DiskIdentity{"sdb", 62333952ull * 512, 512, "Generic STORAGE DEVICE",
+                                      "usb", "/devices/" + scsi + "/block/sdb#diskseq=21",
+                                      Allowance::standard, ""}));
     change(fake);
     EXPECT_EQ(errorText<WriteError>([&] { DeviceGuard::revalidate(identity, fake.paths()); }),
               expected);
@@ -238,12 +238,13 @@ TEST(DiskIdentity, EncodesWithFieldNamesAndDecodesBack) {
                               "Generic STORAGE DEVICE",
                               "usb",
                               "/devices/x/block/sdb#diskseq=21",
-                              Allowance::claimedCapacity};
+                              Allowance::claimedCapacity,
+                              "AB12"};
   const nlohmann::json json = identity;
   EXPECT_EQ(json.dump(),
             R"({"allowance":"claimedCapacity","blockSize":512,"busProtocol":"usb",)"
             R"("deviceIdentifier":"sdb","ioRegistryPath":"/devices/x/block/sdb#diskseq=21",)"
-            R"("mediaName":"Generic STORAGE DEVICE","sizeBytes":31914983424})");
+            R"("mediaName":"Generic STORAGE DEVICE","serial":"AB12","sizeBytes":31914983424})");
   EXPECT_EQ(json.get<DiskIdentity>(), identity);
   nlohmann::json unknown = json, missing = json;
   unknown["allowance"] = "unlimited";

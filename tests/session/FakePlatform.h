@@ -9,6 +9,7 @@
 #include "platform/DeviceGuard.h"
 #include "session/DiskPlatform.h"
 #include "support/FaultyDevice.h"
+#include "support/TempDir.h"
 
 namespace vellum::testing {
 
@@ -43,7 +44,8 @@ class FakePlatform final : public DiskPlatform {
     Disk& disk = found->second;
     if (!disk.refusal.empty()) throw WriteError::refused(disk.refusal);
     DeviceGuard::checkSize(disk.device->size(), name, allowance);
-    return DiskIdentity{name, disk.device->size(), 512, disk.mediaNow, "usb", "/fake", allowance};
+    return DiskIdentity{name,    disk.device->size(), 512, disk.mediaNow, "usb",
+                        "/fake", allowance,           ""};
   }
   std::unique_ptr<BlockDevice> openForWriting(const DiskIdentity& identity) override {
     ++opensForWriting;
@@ -72,6 +74,8 @@ class FakePlatform final : public DiskPlatform {
     formats.push_back({identity.deviceIdentifier, fileSystem, name, usableBytes});
   }
 
+  std::filesystem::path stateFolder() override { return stateDir.path(); }
+
   struct FormatCall {
     std::string disk;
     FileSystem fileSystem;
@@ -84,6 +88,7 @@ class FakePlatform final : public DiskPlatform {
   int opensForWriting = 0;
   int remounted = 0;
   std::vector<FormatCall> formats;
+  TempDir stateDir;
 };
 
 }  // namespace vellum::testing

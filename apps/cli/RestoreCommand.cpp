@@ -1,0 +1,125 @@
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include "Cli.h"
+#include "Commands.h"
+#include "Options.h"
+#include "Run.h"
+#include "bytes/ByteCountFormat.h"
+#include "platform/DiskEnumerator.h"
+
+namespace vellum::cli {
+namespace {
+
+std::string placesText(std::int64_t count) {
+  return std::to_string(count) + (count == 1 ? " place" : " places");
+}
+
+void printRestored(const std::string& name, const Session::Restored& restored) {
+  if (restored.kept) return;  // another card of the same size and model
+  const RestoreReport& report = restored.report;
+  if (report.restored > 0 || report.areaBytesRestored > 0) {
+    std::printf("%s: put back the data at %s that an interrupted Quick Check had overwritten.\n",
+                name.c_str(), placesText(report.restored + (report.areaBytesRestored > 0)).c_str());
+  } else {
+    std::printf(
+        "%s: nothing of the interrupted Quick Check was left to put back; its journal "
+        "was removed.\n",
+        name.c_str());
+  }
+  if (!report.changedSince.empty()) {
+    std::string offsets;
+    for (std::size_t i = 0; i < report.changedSince.size() && i < 5; ++i)
+      offsets += (i > 0 ? ", " : "") + std::to_string(report.changedSince[i]);
+    if (report.changedSince.size() > 5) offsets += ", \u2026";
+    std::printf(
+        "%s: %s written since the check %s left alone, so what was written there stays (byte "
+        "offsets %s).\n",
+        name.c_str(), placesText(static_cast<std::int64_t>(report.changedSince.size())).c_str(),
+        report.changedSince.size() == 1 ? "was" : "were", offsets.c_str());
+  }
+}
+
+// Where a journal's card may be now: the name it had, then every other disk
+// (or image) of the same size, since a card inserted again may get another
+// name.
+std::vector<RunTarget> placesFor(const PendingJournal& journal, bool imagesAllowed) {
+  std::vector<RunTarget> targets;
+  if (journal.card.name.starts_with("/")) {
+    if (std::filesystem::exists(journal.card.name)) {
+      targets.push_back(RunTarget::image(journal.card.name));
+    }
+    return targets;
+  }
+  std::set<std::string> names;
+  if (std::filesystem::exists("/sys/class/block/" + journal.card.name)) {
+    names.insert(journal.card.name);
+    targets.push_back(resolveTarget(journal.card.name));
+  }
+  for (const ExternalDisk& disk : DiskEnumerator::externalDisks(imagesAllowed)) {
+    if (disk.sizeBytes == journal.card.sizeBytes && names.insert(disk.deviceIdentifier).second) {
+      targets.push_back(resolveTarget(disk.deviceIdentifier));
+    }
+  }
+  return targets;
+}
+
+}  // namespace
+
+int runRestore(const std::vector<std::string>& words) {
+  const Options options(words, {}, {}, 0, 1);
+  RunHooks hooks;
+  hooks.notice = [](const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); };
+  if (!options.positional().empty()) {
+    const std::string& argument = options.positional().front();
+    RunTarget target = resolveTarget(argument);
+    if (target.card && target.card->simulated()) {
+      throw UsageError("demo cards keep no journal; give a disk (like sdb) or an image file.");
+    }
+    const std::vector<Session::Restored> restored = session().restore(target, hooks);
+    bool any = false;
+    for (const Session::Restored& one : restored) {
+      printRestored(target.name(), one);
+      any = any || !one.kept;
+    }
+    if (!any) std::printf("%s: no interrupted Quick Check to undo.\n", target.name().c_str());
+    return kGoodVerdict;
+  }
+
+  const bool imagesAllowed = SystemPaths::environmentAllowsDiskImages();
+  std::vector<PendingJournal> pending = session().allInterruptedChecks();
+  if (pending.empty()) {
+    std::printf("No interrupted Quick Check to undo.\n");
+    return kGoodVerdict;
+  }
+  int kept = 0;
+  for (const PendingJournal& journal : pending) {
+    if (!std::filesystem::exists(journal.path)) continue;  // restored with another one
+    bool done = false;
+    for (RunTarget& target : placesFor(journal, imagesAllowed)) {
+      // Only the disk that proves to be this card is written; any other
+      // is just looked at.
+      const std::vector<Session::Restored> restored = session().restore(target, hooks);
+      for (const Session::Restored& one : restored)
+        printRestored(target.name(), one);
+      if (!std::filesystem::exists(journal.path)) {
+        done = true;
+        break;
+      }
+    }
+    if (!done) {
+      ++kept;
+      std::printf(
+          "Kept the journal of %s (%s%s%s): that %s isn't here. Insert it, then run "
+          "vellum-check restore again.\n",
+          journal.card.name.c_str(), journal.card.model.empty() ? "" : journal.card.model.c_str(),
+          journal.card.model.empty() ? "" : ", ", formatByteCount(journal.card.sizeBytes).c_str(),
+          journal.card.name.starts_with("/") ? "file" : "card");
+    }
+  }
+  return kept > 0 ? kBadVerdict : kGoodVerdict;
+}
+
+}  // namespace vellum::cli
