@@ -101,7 +101,13 @@ int runRestore(const std::vector<std::string>& words) {
     for (RunTarget& target : placesFor(journal, imagesAllowed)) {
       // Only the disk that proves to be this card is written; any other
       // is just looked at.
-      const std::vector<Session::Restored> restored = session().restore(target, hooks);
+      std::vector<Session::Restored> restored;
+      try {
+        restored = session().restore(target, hooks);
+      } catch (const RunError& error) {
+        if (error.is<RunError::Refused>()) continue;  // not a disk that can be written now
+        throw;
+      }
       for (const Session::Restored& one : restored)
         printRestored(target.name(), one);
       if (!std::filesystem::exists(journal.path)) {

@@ -22,7 +22,7 @@ using Overflow = SimulatedDevice::Overflow;
 using Verdict = QuickCheck::Result::Verdict;
 constexpr std::uint64_t MiB = 1 << 20, GiB = 1 << 30, GB = 1'000'000'000;
 
-QuickCheck::Result quickCheck(const FuseDisk::Options& options) {
+QuickCheck::Result quickCheck(const FuseDisk::Options& options, QuickCheck check = {}) {
   const FuseDisk disk(options);
   const LoopDevice loop(disk.file(), {.directIo = true});
   UniqueFd fd(::open(loop.path().c_str(), O_RDWR | O_CLOEXEC));
@@ -38,7 +38,6 @@ QuickCheck::Result quickCheck(const FuseDisk::Options& options) {
     return bytes;
   }();
   device.write(0, data);
-  QuickCheck check;
   check.readSampleBytes = 8 * MiB;
   const QuickCheck::Result result = check.run(device, CancellationFlag{});
   EXPECT_EQ(device.read(0, MiB), data) << "data not restored";
@@ -72,6 +71,30 @@ TEST(QuickCheckOnDisks, CatchesEveryCounterfeitGeometryAndMeasuresItsRealCapacit
               std::tuple(Verdict::genuine, size / 4096 * 4096, r.pointsTested))
         << size;
   }
+}
+
+// A fake whose controller keeps the last 64 MiB written in memory answers the
+// read-back of every test block from there. Unless more than that is written
+// in between, it passes as genuine.
+TEST(QuickCheckOnDisks, AWriteCacheDoesNotHideAFake) {
+  VL_REQUIRE_FUSE_DISKS();
+  constexpr std::uint64_t cache = 64 * MiB;
+  for (const auto& [claimed, real, overflow] : {std::tuple{2 * GiB, 192 * MiB, Overflow::wrap},
+                                                {1 * GB, 300 * MiB, Overflow::discard},
+                                                {64 * GB, 48 * MiB, Overflow::combined}}) {
+    const FuseDisk::Options fake{
+        .size = claimed, .realCapacity = real, .overflow = overflow, .cacheBytes = cache};
+    const auto r = quickCheck(fake);
+    EXPECT_EQ(r.verdict, Verdict::counterfeit) << claimed;
+    EXPECT_LE(r.verifiedBytes, real) << claimed;
+    EXPECT_GE(r.verifiedBytes, real - real / 1000) << claimed;
+    if (overflow == Overflow::wrap) {
+      EXPECT_EQ(quickCheck(fake, QuickCheck{.cacheFlushBytes = 0}).verdict, Verdict::genuine)
+          << "the cache did not fool the check without its flush";
+    }
+  }
+  const auto genuine = quickCheck({.size = 512 * MiB, .cacheBytes = cache});
+  EXPECT_EQ(std::tuple(genuine.verdict, genuine.pointsIntact), std::tuple(Verdict::genuine, 1025));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "DiskFixtures.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -127,6 +128,10 @@ FuseDisk::FuseDisk(const Options& options) {
   if (options.readMBps > 0) {
     argv.insert(argv.end(), {"--read-mbps", std::to_string(options.readMBps)});
   }
+  if (options.cacheBytes > 0) {
+    argv.insert(argv.end(), {"--cache", std::to_string(options.cacheBytes)});
+  }
+  if (!options.backingFile.empty()) argv.insert(argv.end(), {"--backing", options.backingFile});
 
   const std::string log = folder_.file("server.log");
   UniqueFd logFd(::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
@@ -145,6 +150,15 @@ FuseDisk::FuseDisk(const Options& options) {
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+}
+
+void FuseDisk::pull() {
+  ::kill(server_->pid(), SIGKILL);
+  server_->wait();
+  server_.reset();
+  // The mount is left dangling ("transport endpoint is not connected") until
+  // it is lazily unmounted.
+  runProcess({"fusermount3", "-u", "-z", folder_.file("mount")});
 }
 
 FuseDisk::~FuseDisk() {

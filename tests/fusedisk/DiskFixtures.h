@@ -81,6 +81,11 @@ class FuseDisk {
     int delayMs = 0;
     int writeMBps = 0;  // 0: as fast as it goes
     int readMBps = 0;
+    // Reads of the last cacheBytes written come from memory (a fake's cache).
+    std::uint64_t cacheBytes = 0;
+    // Where the data lives; empty: a temporary file. A disk served again from
+    // the same file holds what was written before.
+    std::string backingFile = {};
   };
 
   explicit FuseDisk(const Options& options);
@@ -89,6 +94,9 @@ class FuseDisk {
   FuseDisk& operator=(const FuseDisk&) = delete;
 
   std::string file() const { return folder_.file("mount/disk"); }
+  // Kills the server, as if the card were pulled out: every request to the
+  // file fails from now on.
+  void pull();
 
  private:
   TempDir folder_;

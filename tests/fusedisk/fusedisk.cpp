@@ -5,7 +5,7 @@
 //                   [--overflow wrap|discard|combined] [--sector BYTES]
 //                   [--bad FIRST[-LAST]]... [--bad-write FIRST[-LAST]]...
 //                   [--slow FIRST[-LAST]]... [--delay-ms N] [--backing FILE]
-//                   [--write-mbps N] [--read-mbps N]
+//                   [--write-mbps N] [--read-mbps N] [--cache BYTES]
 //
 // --size is the capacity the disk reports; only --real bytes (default: all of
 // them) exist. Past that, writes wrap around to the start (a counterfeit card
@@ -15,6 +15,9 @@
 // fail every read with EIO, --bad-write sectors fail writes; --slow sectors
 // answer after --delay-ms. Sectors count in --sector bytes (default 512).
 // --write-mbps and --read-mbps limit throughput (MB/s) like a real card.
+// --cache keeps the last BYTES written in memory and answers reads of those
+// sectors from there, as counterfeit cards with a RAM cache do, whether or
+// not the flash behind them holds the data.
 // Data lives in a sparse temporary file (or --backing FILE) of --real bytes.
 // Runs in the foreground until unmounted.
 
@@ -30,10 +33,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -57,6 +62,39 @@ struct Disk {
 
 Disk disk;
 constexpr const char* kFileName = "/disk";
+
+// The last `capacity` bytes written, by sector; the oldest sector goes first.
+struct WriteCache {
+  std::uint64_t capacity = 0;
+  std::uint64_t generation = 0;
+  std::unordered_map<std::uint64_t, std::pair<std::uint64_t, std::vector<char>>> sectors;
+  std::deque<std::pair<std::uint64_t, std::uint64_t>> order;  // sector, generation
+
+  void put(std::uint64_t offset, const char* in, std::size_t length) {
+    if (capacity == 0) return;
+    for (std::size_t at = 0; at + disk.sector <= length; at += disk.sector) {
+      const std::uint64_t sector = (offset + at) / disk.sector;
+      auto& entry = sectors[sector];
+      entry = {++generation, std::vector<char>(in + at, in + at + disk.sector)};
+      order.emplace_back(sector, generation);
+    }
+    while (sectors.size() * disk.sector > capacity) {
+      const auto [sector, written] = order.front();
+      order.pop_front();
+      if (const auto it = sectors.find(sector); it != sectors.end() && it->second.first == written)
+        sectors.erase(it);
+    }
+  }
+
+  void overlay(std::uint64_t offset, char* out, std::size_t length) const {
+    if (sectors.empty()) return;
+    for (std::size_t at = 0; at + disk.sector <= length; at += disk.sector) {
+      const auto it = sectors.find((offset + at) / disk.sector);
+      if (it != sectors.end()) std::memcpy(out + at, it->second.second.data(), disk.sector);
+    }
+  }
+};
+WriteCache cache;
 
 bool touches(const std::vector<Range>& ranges, std::uint64_t offset, std::size_t length) {
   if (length == 0) return false;
@@ -196,7 +234,10 @@ int readOp(const char*, char* out, std::size_t length, off_t start, fuse_file_in
         }
         return 0;
       });
-  return error != 0 ? error : static_cast<int>(length);
+  if (error != 0) return error;
+  // Requests come sector-aligned through the loop device.
+  if (offset % disk.sector == 0) cache.overlay(offset, out, length);
+  return static_cast<int>(length);
 }
 
 int writeOp(const char*, const char* in, std::size_t length, off_t start, fuse_file_info*) {
@@ -206,6 +247,7 @@ int writeOp(const char*, const char* in, std::size_t length, off_t start, fuse_f
   maybeDelay(offset, length);
   throttle(length, disk.writeBytesPerSecond);
   if (touches(disk.badWrites, offset, length)) return -EIO;
+  if (offset % disk.sector == 0) cache.put(offset, in, length);
   const int error = walk(
       offset, length, [&](std::size_t at, std::optional<std::uint64_t> where, std::size_t piece) {
         if (!where) return 0;  // dropped
@@ -252,7 +294,7 @@ int usage() {
                "usage: vellum-fusedisk MOUNTPOINT --size BYTES [--real BYTES] "
                "[--overflow wrap|discard|combined] [--sector BYTES] [--bad FIRST[-LAST]]... "
                "[--bad-write FIRST[-LAST]]... [--slow FIRST[-LAST]]... [--delay-ms N] "
-               "[--backing FILE] [--write-mbps N] [--read-mbps N]\n");
+               "[--backing FILE] [--write-mbps N] [--read-mbps N] [--cache BYTES]\n");
   return 2;
 }
 
@@ -290,6 +332,8 @@ int main(int argc, char** argv) {
        : option == "--slow" ? disk.slow
                             : disk.badWrites)
           .push_back(*r);
+    } else if (option == "--cache") {
+      cache.capacity = number(value).value_or(0);
     } else if (option == "--delay-ms") {
       disk.delayMs = static_cast<int>(number(value).value_or(0));
     } else if (option == "--backing") {
