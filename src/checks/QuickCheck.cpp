@@ -141,10 +141,13 @@ class Probe {
 
   Verdicts run(const std::vector<std::uint64_t>& points) {
     const std::uint64_t n = points.size();
-    const std::vector<Extent> area = flushArea(points);
+    // Only a card with a journal gets the cache flush: its bytes are saved
+    // there. Devices held in memory have no cache to defeat.
+    const std::vector<Extent> area =
+        journal_ ? flushArea(points, rounds_++ % 2 == 1) : std::vector<Extent>{};
     std::uint64_t areaSteps = 0;
     for (const Extent& extent : area)
-      areaSteps += extent.length / kFlushStepBytes;
+      areaSteps += 2 * (extent.length / kFlushStepBytes);  // saved, then rewritten
     const std::uint64_t total = 3 * n + areaSteps;
     std::uint64_t done = 0;
     const auto step = [&](std::uint64_t count = 1) {
@@ -233,12 +236,23 @@ class Probe {
   // The cache flush: whole units from the start of the card that are not
   // test points of this round, in pieces of at most kFlushPieceBytes, until
   // flushBytes_ are covered or the card ends.
-  std::vector<Extent> flushArea(const std::vector<std::uint64_t>& points) const {
+  // Rounds take turns between two disjoint windows: the last pieces a round
+  // rewrote may still sit in a cache, and on a card that wraps such a copy
+  // can be older than the flash behind it once the test points are put
+  // back, so the next round must not read them.
+  std::vector<Extent> flushArea(const std::vector<std::uint64_t>& points, bool second) const {
+    const std::uint64_t units = device_.size() / unit_;
+    const std::uint64_t wanted = (flushBytes_ + unit_ - 1) / unit_ + points.size();
+    const std::uint64_t window = std::min(wanted, units / 2);
+    return areaIn(points, second ? window : 0, second ? units : window);
+  }
+
+  std::vector<Extent> areaIn(const std::vector<std::uint64_t>& points, std::uint64_t from,
+                             std::uint64_t to) const {
     std::vector<Extent> area;
     const std::set<std::uint64_t> probed(points.begin(), points.end());
-    const std::uint64_t units = device_.size() / unit_;
     std::uint64_t covered = 0;
-    for (std::uint64_t u = 0; u < units && covered < flushBytes_; ++u) {
+    for (std::uint64_t u = from; u < to && covered < flushBytes_; ++u) {
       if (probed.contains(u)) continue;
       if (!area.empty() && area.back().offset + area.back().length == offsetOf(u) &&
           area.back().length + unit_ <= kFlushPieceBytes) {
@@ -255,56 +269,43 @@ class Probe {
   // cache (up to tens of megabytes), so test blocks read back straight after
   // writing look stored even where the flash does not exist. Rewriting more
   // than any such cache holds between the writes and the read-back pushes
-  // the test blocks out: the reads then reach the flash. The rewritten area
-  // gets the very bytes it held (read after the test blocks were written, so
-  // a block that wrapped onto it stays), which changes nothing on the card;
-  // the journal still keeps them first, because a card that loses power in
-  // the middle of a write may damage what it was rewriting.
+  // the test blocks out: the reads then reach the flash. The area gets the
+  // very bytes it holds (read after the test blocks were written, so a block
+  // that wrapped onto it stays where it landed), which changes nothing on
+  // the card; the journal keeps them first all the same, because a card that
+  // loses power in the middle of a write may damage what it was rewriting.
   template <class Step>
   void flushWriteCache(const std::vector<Extent>& area, const Step& step) {
     if (area.empty()) return;
     AlignedBuffer first(static_cast<std::size_t>(kFlushPieceBytes));
     AlignedBuffer second(static_cast<std::size_t>(kFlushPieceBytes));
-    // A piece is rewritten only when two reads agree: bytes a flaky card
-    // returned wrongly once must not become its data. A piece that can't be
-    // read is left alone.
-    const auto readSteadily = [&](const Extent& extent) {
+    for (const Extent& extent : area) {
       const auto length = static_cast<std::size_t>(extent.length);
+      // Rewritten only when two reads agree, so bytes a flaky card returned
+      // wrongly once never become its data; an unreadable piece is skipped.
+      bool saved = false;
       try {
         device_.readInto(extent.offset, first.span().first(length));
         device_.readInto(extent.offset, second.span().first(length));
+        saved = std::memcmp(first.data(), second.data(), length) == 0;
+        if (saved) journal_->saveRegion(extent.offset, first.span().first(length));
       } catch (const DeviceError& error) {
         if (!error.isMediumFailure()) throw;
-        return false;
       }
-      return std::memcmp(first.data(), second.data(), length) == 0;
-    };
-    const auto piece = [&](std::uint64_t length) {
-      return first.span().first(static_cast<std::size_t>(length));
-    };
-    if (journal_) {
-      for (const Extent& extent : area) {
-        if (readSteadily(extent)) {
-          journal_->saveRegion(extent.offset, piece(extent.length));
-        } else {
-          step(extent.length / kFlushStepBytes);
-        }
-      }
-      journal_->commit();
-      for (std::size_t i = 0; i < journal_->regionCount(); ++i) {
-        const std::uint64_t length = journal_->regionSize(i);
-        device_.write(journal_->readRegion(i, piece(length)), piece(length));
-        step(length / kFlushStepBytes);
-      }
-      device_.synchronize();
-      journal_->regionRewritten();
-    } else {
-      for (const Extent& extent : area) {
-        if (readSteadily(extent)) device_.write(extent.offset, piece(extent.length));
-        step(extent.length / kFlushStepBytes);
-      }
-      device_.synchronize();
+      step((saved ? 1 : 2) * (extent.length / kFlushStepBytes));
     }
+    journal_->commit();
+    // Each piece is marked done once it is on the card, so after a crash
+    // only the one being written is ever put back.
+    for (std::size_t i = 0; i < journal_->regionCount(); ++i) {
+      const auto piece = first.span().first(static_cast<std::size_t>(journal_->regionSize(i)));
+      const std::uint64_t offset = journal_->readRegion(i, piece);
+      device_.write(offset, piece);
+      device_.synchronize();
+      journal_->regionPieceRewritten(offset);
+      step(piece.size() / kFlushStepBytes);
+    }
+    journal_->regionRewritten();
   }
 
   void restore(const std::map<std::uint64_t, Bytes>& originals) {
@@ -333,6 +334,7 @@ class Probe {
   const CancellationFlag& cancel_;
   const ProgressCallback& progress_;
   WrapFinder wraps_;
+  int rounds_ = 0;
 };
 
 std::vector<std::uint64_t> firstPassPoints(std::int64_t points, std::uint64_t units) {

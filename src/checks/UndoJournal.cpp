@@ -114,7 +114,9 @@ std::vector<Record> readRecords(int fd, std::uint64_t at) {
     const std::uint64_t thisGeneration = getLittle(head.data() + 4, 4);
     const std::uint64_t offset = getLittle(head.data() + 8, 8);
     const std::uint64_t length = getLittle(head.data() + 16, 8);
-    if ((kind != 'P' && kind != 'R' && kind != 'F') || length > kLargestRecord) break;
+    if ((kind != 'P' && kind != 'R' && kind != 'D' && kind != 'F') || length > kLargestRecord) {
+      break;
+    }
     if (generation && *generation != thisGeneration) break;
     data.resize(static_cast<std::size_t>(length + kChecksum));
     if (preadFully(fd, at + kRecordHeader, data).done != data.size()) break;
@@ -247,6 +249,11 @@ void UndoJournal::commit() {
   }
 }
 
+void UndoJournal::regionPieceRewritten(std::uint64_t offset) {
+  append('D', offset, {});
+  if (::fdatasync(fd_.get()) != 0) fail(errno);
+}
+
 void UndoJournal::regionRewritten() {
   append('F', 0, {});
   commit();
@@ -324,8 +331,14 @@ RestoreReport restoreFromJournal(const PendingJournal& journal, BlockDevice& dev
   for (const Record& record : readRecords(fd.get(), header->end)) {
     if (record.kind == 'P') points.insert_or_assign(record.offset, record);
     if (record.kind == 'R') unfinishedArea.push_back(record);
+    if (record.kind == 'D') {
+      std::erase_if(unfinishedArea, [&](const Record& r) { return r.offset == record.offset; });
+    }
     if (record.kind == 'F') unfinishedArea.clear();
   }
+  // Pieces are rewritten in order: the first one not done may be torn, the
+  // rest were never touched.
+  if (unfinishedArea.size() > 1) unfinishedArea.resize(1);
 
   const TestPattern pattern(header->nonce);
   const std::uint64_t unit = header->unit;

@@ -55,8 +55,9 @@ class JournalError final : public ErrorOf<journal_error::CannotWrite, journal_er
 // put back, the journal starts over.
 //
 // File layout: "VLUNDO01", a 4-byte little-endian length and a JSON header
-// (card, nonce, unit), then records of kind, offset, length, the bytes and a
-// checksum. A record torn by a crash ends the journal there; that is safe
+// (card, nonce, unit), then records of kind (P a test point's original, R an
+// area's bytes, D that area rewritten, F all areas rewritten), offset, length,
+// the bytes and a checksum. A record torn by a crash ends the journal there; that is safe
 // because nothing it describes was written before the journal was synced.
 class UndoJournal {
  public:
@@ -77,7 +78,9 @@ class UndoJournal {
   void saveRegion(std::uint64_t offset, std::span<const std::uint8_t> bytes);
   // Flushes the file and its folder: call before writing what was saved.
   void commit();
-  // Notes (durably) that the saved areas were rewritten completely.
+  // Notes (durably) that the saved area at offset is back on the card, then
+  // that all of them are.
+  void regionPieceRewritten(std::uint64_t offset);
   void regionRewritten();
   std::size_t regionCount() const { return regions_.size(); }
   // Offset and bytes of saved area i; out must be its size.
@@ -138,7 +141,9 @@ struct RestoreReport {
 // holds that check's own test block (same nonce and index), so data written since is never
 // overwritten. An area whose rewrite was interrupted is put back only where
 // it differs, and only when a test block of that check proves this is the
-// card. Throws the device's errors (the journal stays) or JournalError.
+// card; of those, only the piece that was being written (the others are
+// either done or untouched, so writes made since stay). Throws the device's errors (the journal
+// stays) or JournalError.
 RestoreReport restoreFromJournal(const PendingJournal& journal, BlockDevice& device);
 // Deletes a journal file (and flushes its folder, best effort).
 void removeJournal(const std::filesystem::path& path);

@@ -9,6 +9,7 @@
 #include "DiskFixtures.h"
 #include "checks/QuickCheck.h"
 #include "devices/FileDescriptorDevice.h"
+#include "support/TempDir.h"
 
 // The Quick Check on real block devices: loop devices over FUSE disks that
 // behave like counterfeit cards, in the geometries sellers use.
@@ -22,7 +23,9 @@ using Overflow = SimulatedDevice::Overflow;
 using Verdict = QuickCheck::Result::Verdict;
 constexpr std::uint64_t MiB = 1 << 20, GiB = 1 << 30, GB = 1'000'000'000;
 
-QuickCheck::Result quickCheck(const FuseDisk::Options& options, QuickCheck check = {}) {
+// withJournal: as for every real card, which brings the cache flush.
+QuickCheck::Result quickCheck(const FuseDisk::Options& options, QuickCheck check = {},
+                              bool withJournal = false) {
   const FuseDisk disk(options);
   const LoopDevice loop(disk.file(), {.directIo = true});
   UniqueFd fd(::open(loop.path().c_str(), O_RDWR | O_CLOEXEC));
@@ -39,7 +42,10 @@ QuickCheck::Result quickCheck(const FuseDisk::Options& options, QuickCheck check
   }();
   device.write(0, data);
   check.readSampleBytes = 8 * MiB;
-  const QuickCheck::Result result = check.run(device, CancellationFlag{});
+  const testing::TempDir journals;
+  std::optional<QuickCheck::JournalPlace> journal;
+  if (withJournal) journal = QuickCheck::JournalPlace{journals.path(), {}};
+  const QuickCheck::Result result = check.run(device, CancellationFlag{}, {}, journal);
   EXPECT_EQ(device.read(0, MiB), data) << "data not restored";
   return result;
 }
@@ -84,16 +90,16 @@ TEST(QuickCheckOnDisks, AWriteCacheDoesNotHideAFake) {
                                                 {64 * GB, 48 * MiB, Overflow::combined}}) {
     const FuseDisk::Options fake{
         .size = claimed, .realCapacity = real, .overflow = overflow, .cacheBytes = cache};
-    const auto r = quickCheck(fake);
+    const auto r = quickCheck(fake, {}, true);
     EXPECT_EQ(r.verdict, Verdict::counterfeit) << claimed;
     EXPECT_LE(r.verifiedBytes, real) << claimed;
     EXPECT_GE(r.verifiedBytes, real - real / 1000) << claimed;
     if (overflow == Overflow::wrap) {
-      EXPECT_EQ(quickCheck(fake, QuickCheck{.cacheFlushBytes = 0}).verdict, Verdict::genuine)
+      EXPECT_EQ(quickCheck(fake, QuickCheck{.cacheFlushBytes = 0}, true).verdict, Verdict::genuine)
           << "the cache did not fool the check without its flush";
     }
   }
-  const auto genuine = quickCheck({.size = 512 * MiB, .cacheBytes = cache});
+  const auto genuine = quickCheck({.size = 512 * MiB, .cacheBytes = cache}, {}, true);
   EXPECT_EQ(std::tuple(genuine.verdict, genuine.pointsIntact), std::tuple(Verdict::genuine, 1025));
 }
 

@@ -51,10 +51,11 @@ std::pair<int, std::vector<int>> writesOfACheck(std::uint64_t size, std::uint64_
   faulty.beforeWrite = [&](std::uint64_t, std::size_t length) {
     if (length > 4096) areaWrites.push_back(faulty.writes);
   };
+  const TempDir folder;
   QuickCheck check;
   check.readSampleBytes = 0;
   check.cacheFlushBytes = 2 * kMiB;
-  check.run(faulty, CancellationFlag{});
+  check.run(faulty, CancellationFlag{}, {}, QuickCheck::JournalPlace{folder.path(), kCard});
   return {faulty.writes, areaWrites};
 }
 

@@ -4,9 +4,11 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <thread>
 
 #include "CliRun.h"
 #include "DiskFixtures.h"
+#include "checks/UndoJournal.h"
 #include "platform/Process.h"
 
 // The command line on real block devices: loop devices over image files, and
@@ -15,6 +17,31 @@
 
 namespace vellum::testing {
 namespace {
+
+// Starts a Quick Check of disk and kills it (SIGKILL: no clean-up at all)
+// after `after` seconds. True when it was still running then.
+bool killedQuickCheck(const std::string& disk, double after) {
+  SpawnOptions spawn;
+  spawn.standardOutput = Stdio::null();
+  spawn.standardError = Stdio::null();
+  spawn.environment = {{"VL_ALLOW_DISK_IMAGES", "1"},
+                       {"XDG_STATE_HOME", stateHome().path().string()}};
+  ChildProcess child = ChildProcess::start({VELLUM_CHECK_BINARY, "quick", disk}, spawn);
+  std::this_thread::sleep_for(std::chrono::duration<double>(after));
+  ::kill(child.pid(), SIGKILL);
+  const ExitStatus status = child.wait();
+  return !status.exited && status.code == SIGKILL;
+}
+
+double secondsOf(const std::function<void()>& run) {
+  const auto start = std::chrono::steady_clock::now();
+  run();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+bool journalPending() {
+  return !pendingJournals(stateHome().path() / "vellum-check").empty();
+}
 
 std::string blkid(const std::string& device) {
   return runProcess({findProgram("blkid").value_or("blkid"), "-p", "-o", "export", device}).out;
@@ -438,6 +465,103 @@ TEST(CliDisk, ListsALoopDeviceOnlyWithIncludeImages) {
   EXPECT_TRUE(contains(text.out, loop.name())) << text.out;
   EXPECT_TRUE(contains(text.out, "8.4 MB")) << text.out;
   EXPECT_TRUE(contains(text.out, "card   Disk Image reader sd.img")) << text.out;
+}
+
+// Quick Checks killed at moments spread over their whole run, on a loop
+// disk and on a FUSE counterfeit with a write cache: after `restore` every
+// byte is as before. Once, the user writes at a test point (unit 0 always is
+// one) before restoring: that write stays.
+TEST(CliDisk, KilledQuickChecksAreUndoneByRestore) {
+  VL_REQUIRE_FUSE_DISKS();
+  TempDir dir;
+  const std::string image = dir.file("card.img");
+  std::string content = randomBytes(48 * kMiB, 11);
+  writeFile(image, content);
+  const std::string backing = dir.file("fake.img");
+  const std::string fakeContent = randomBytes(48 * kMiB, 12);
+  writeFile(backing, fakeContent);
+  FuseDisk fake({.size = 512 * kMiB,
+                 .realCapacity = 48 * kMiB,
+                 .cacheBytes = 16 * kMiB,
+                 .backingFile = backing});
+
+  struct Disk {
+    std::unique_ptr<LoopDevice> loop;
+    std::string file;
+    std::string* expected;
+    int kills;
+  };
+  Disk disks[] = {{std::make_unique<LoopDevice>(image), image, &content, 35},
+                  {std::make_unique<LoopDevice>(fake.file(), LoopDevice::Options{.directIo = true}),
+                   backing, nullptr, 15}};
+  int withJournal = 0;
+  for (Disk& disk : disks) {
+    const std::string name = disk.loop->name();
+    const double whole = secondsOf([&] {
+      EXPECT_EQ(cli({"quick", name}).exitCode, disk.expected ? 0 : 1);
+    });
+    std::string fakeExpected = fakeContent;
+    std::string& expected = disk.expected ? *disk.expected : fakeExpected;
+    for (int i = 0; i < disk.kills; ++i) {
+      killedQuickCheck(name, whole * (i + 0.5) / disk.kills);
+      withJournal += journalPending();
+      if (disk.expected && i == disk.kills / 2) {
+        // The last unit is always a test point.
+        const std::string mine = randomBytes(4096, 13);
+        const std::size_t last = expected.size() - mine.size();
+        UniqueFd fd(::open(disk.loop->path().c_str(), O_WRONLY | O_SYNC | O_CLOEXEC));
+        ASSERT_EQ(::pwrite(fd.get(), mine.data(), mine.size(), static_cast<off_t>(last)), 4096);
+        expected.replace(last, mine.size(), mine);
+      }
+      const ProcessResult restored = cli({"restore"});
+      EXPECT_EQ(restored.exitCode, 0) << restored.out << restored.err;
+      EXPECT_FALSE(journalPending()) << restored.out;
+      EXPECT_TRUE(readAll(disk.file) == expected) << name << " killed at moment " << i;
+    }
+  }
+  EXPECT_GE(withJournal, 25) << "too few kills landed while test data was on the disk";
+  std::printf("%d of 50 kills left test data to put back\n", withJournal);
+}
+
+// A FUSE disk whose server dies in the middle of a Quick Check, then served
+// again from the same file under a new loop device: restore finds it.
+TEST(CliDisk, ACardPulledMidCheckIsRestoredWhenItComesBack) {
+  VL_REQUIRE_FUSE_DISKS();
+  TempDir dir;
+  const std::string backing = dir.file("card.img");
+  const std::string content = randomBytes(128 * kMiB, 21);
+  writeFile(backing, content);
+  const FuseDisk::Options options{
+      .size = 128 * kMiB, .writeMBps = 40, .readMBps = 200, .backingFile = backing};
+  {
+    FuseDisk disk(options);
+    LoopDevice loop(disk.file(), {.directIo = true});
+    const std::string log = dir.file("err.txt");
+    const UniqueFd err(::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    SpawnOptions spawn;
+    spawn.standardOutput = Stdio::null();
+    spawn.standardError = Stdio::from(err.get());
+    spawn.environment = {{"VL_ALLOW_DISK_IMAGES", "1"},
+                         {"XDG_STATE_HOME", stateHome().path().string()}};
+    ChildProcess check = ChildProcess::start({VELLUM_CHECK_BINARY, "quick", loop.name()}, spawn);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    disk.pull();
+    EXPECT_EQ(check.wait(), (ExitStatus{true, 3}));
+    const std::string said = readAll(log);
+    EXPECT_TRUE(contains(said,
+                         "The original data is kept in the undo journal; to try again, "
+                         "run vellum-check restore " +
+                             loop.name() + "."))
+        << said;
+    EXPECT_TRUE(journalPending());
+  }
+  FuseDisk again(options);
+  LoopDevice loop(again.file(), {.directIo = true});
+  const ProcessResult restored = cli({"restore"});
+  EXPECT_EQ(restored.exitCode, 0) << restored.err;
+  EXPECT_TRUE(contains(restored.out, "put back the data at")) << restored.out;
+  EXPECT_TRUE(readAll(backing) == content);
+  EXPECT_FALSE(journalPending());
 }
 
 }  // namespace

@@ -219,5 +219,44 @@ TEST(Session, FailuresKeepTheirKind) {
   EXPECT_EQ(notices, std::vector<std::string>{"Mounted its volume again."});
 }
 
+// A card pulled out in the middle of a Quick Check: the message says how to
+// get the data back, nothing else writes to the card until then, and the
+// restore gives back every byte.
+TEST(Session, APulledCardIsRefusedUntilItsDataIsPutBack) {
+  FakePlatform platform;
+  Session session(platform);
+  platform.add("sdb", fakeDisk(16 << 20, 16 << 20));
+  SimulatedDevice& device = *platform.disks["sdb"].device;
+  device.write(0, Bytes(16 << 20, 0x5A));
+  const Bytes before = device.storage();
+  const Card card{platform.disks["sdb"].listed};
+
+  platform.onOpen = [](testing::FaultyDevice& faulty) {
+    faulty.beforeWrite = [&faulty](std::uint64_t, std::size_t) {
+      if (faulty.writes > 300) throw WriteError::removed("/dev/sdb");
+    };
+  };
+  const RunError pulled = failure(session, request(CheckAction::quick, card));
+  EXPECT_EQ(pulled.description(),
+            "sdb was removed before the Quick Check had put back everything it wrote. Your data "
+            "is kept in the undo journal: insert the card again, then choose Put Data Back.");
+  EXPECT_FALSE(device.storage() == before);
+  platform.onOpen = nullptr;
+
+  RunTarget target = RunTarget::of(card);
+  EXPECT_EQ(session.interruptedChecks(target).size(), 1u);
+  for (const CheckAction action : {CheckAction::quick, CheckAction::wipe, CheckAction::format}) {
+    EXPECT_EQ(failure(session, request(action, card)).description(),
+              "sdb still holds test data from a Quick Check that was interrupted. To put its data "
+              "back, choose Put Data Back first.");
+  }
+  const std::vector<Session::Restored> restored = session.restore(target, {});
+  ASSERT_EQ(restored.size(), 1u);
+  EXPECT_EQ(restored[0].report.restored, 300);
+  EXPECT_TRUE(device.storage() == before);
+  EXPECT_TRUE(session.interruptedChecks(target).empty());
+  EXPECT_TRUE(session.restore(target, {}).empty());
+}
+
 }  // namespace
 }  // namespace vellum
