@@ -13,33 +13,9 @@
 namespace vellum::cli {
 namespace {
 
-std::string placesText(std::int64_t count) {
-  return std::to_string(count) + (count == 1 ? " place" : " places");
-}
-
 void printRestored(const std::string& name, const Session::Restored& restored) {
-  if (restored.kept) return;  // another card of the same size and model
-  const RestoreReport& report = restored.report;
-  if (report.restored > 0 || report.areaBytesRestored > 0) {
-    std::printf("%s: put back the data at %s that an interrupted Quick Check had overwritten.\n",
-                name.c_str(), placesText(report.restored + (report.areaBytesRestored > 0)).c_str());
-  } else {
-    std::printf(
-        "%s: nothing of the interrupted Quick Check was left to put back; its journal "
-        "was removed.\n",
-        name.c_str());
-  }
-  if (!report.changedSince.empty()) {
-    std::string offsets;
-    for (std::size_t i = 0; i < report.changedSince.size() && i < 5; ++i)
-      offsets += (i > 0 ? ", " : "") + std::to_string(report.changedSince[i]);
-    if (report.changedSince.size() > 5) offsets += ", \u2026";
-    std::printf(
-        "%s: %s written since the check %s left alone, so what was written there stays (byte "
-        "offsets %s).\n",
-        name.c_str(), placesText(static_cast<std::int64_t>(report.changedSince.size())).c_str(),
-        report.changedSince.size() == 1 ? "was" : "were", offsets.c_str());
-  }
+  const std::string text = Session::describe(name, restored);
+  if (!text.empty()) std::printf("%s\n", text.c_str());
 }
 
 // Where a journal's card may be now: the name it had, then every other disk

@@ -130,6 +130,52 @@ void CheckModel::select(const SelectedCard& card) {
   selected_ = card;
   emit selectedChanged();
   emit stepChanged();
+  lookForInterruptedChecks();
+}
+
+bool CheckModel::hasInterruptedCheck(const Card& card) const {
+  return std::find(interrupted_.begin(), interrupted_.end(), card.id()) != interrupted_.end();
+}
+
+void CheckModel::lookForInterruptedChecks() {
+  // Journal headers only: a few small files in the user's state folder.
+  std::vector<std::string> interrupted;
+  for (const Card& card : cards_) {
+    if (card.disk() && !session_->interruptedChecks(RunTarget::of(card)).empty()) {
+      interrupted.push_back(card.id());
+    }
+  }
+  if (interrupted != interrupted_) {
+    interrupted_ = std::move(interrupted);
+    emit cardsChanged();  // the list marks them
+  }
+  const bool needs = selected_ && hasInterruptedCheck(*selected_);
+  if (needs != needsRestore_) {
+    needsRestore_ = needs;
+    emit needsRestoreChanged();
+  }
+}
+
+void CheckModel::restoreData() {
+  if (!selected_ || !needsRestore_ || isRunning() || restoring_) return;
+  restoring_ = true;
+  const ProgressRelay relay(link_);
+  workers_.start([session = session_.get(), relay, target = RunTarget::of(*selected_)]() mutable {
+    std::string said;
+    try {
+      for (const Session::Restored& restored : session->restore(target, {})) {
+        const std::string text = Session::describe(target.name(), restored);
+        said += (said.empty() || text.empty() ? "" : " ") + text;
+      }
+    } catch (const RunError& error) {
+      said = error.description();
+    }
+    relay.deliver([said = qText(said)](CheckModel& model) {
+      model.restoring_ = false;
+      model.lookForInterruptedChecks();
+      if (!said.isEmpty()) emit model.notice(said);
+    });
+  });
 }
 
 void CheckModel::refresh() {
@@ -169,6 +215,7 @@ void CheckModel::applyDiskList(int generation, const std::vector<ExternalDisk>& 
     select(std::nullopt);
   }
   if (!selected_ && simulate_ && !cards_.empty()) select(cards_.front());
+  lookForInterruptedChecks();
 }
 
 void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> backupTo,
@@ -253,6 +300,7 @@ void CheckModel::finish(CheckAction action, CheckOutcome outcome) {
 void CheckModel::fail(const QString& message) {
   setStage(Failed{message});
   setProgress(std::nullopt);
+  lookForInterruptedChecks();
 }
 
 void CheckModel::backHome() {

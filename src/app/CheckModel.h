@@ -65,6 +65,7 @@ class CheckModel final : public QObject {
   Q_PROPERTY(QString statusLine READ statusLine NOTIFY statusLineChanged)
   Q_PROPERTY(int step READ step NOTIFY stepChanged)
   Q_PROPERTY(QString stepStatus READ stepStatus NOTIFY stepChanged)
+  Q_PROPERTY(bool needsRestore READ needsRestore NOTIFY needsRestoreChanged)
 
  public:
   struct Running {
@@ -109,6 +110,10 @@ class CheckModel final : public QObject {
   const QString& statusLine() const { return statusLine_; }
   bool simulate() const { return simulate_; }
   bool isRunning() const { return std::holds_alternative<Running>(stage_); }
+  // The selected card holds test data of an interrupted Quick Check.
+  bool needsRestore() const { return needsRestore_; }
+  // True for a listed card that holds such data.
+  bool hasInterruptedCheck(const Card& card) const;
   // The flag of the current run; the Stop button cancels it.
   CancellationFlag& cancelFlag() { return *cancelFlag_; }
   // True when a Quick Check in this session proved the disk fake.
@@ -126,6 +131,9 @@ class CheckModel final : public QObject {
   // when given, is saved first (replacing a file the save panel confirmed).
   void run(CheckAction action, std::optional<std::filesystem::path> backupTo = std::nullopt,
            std::optional<FormatChoice> format = std::nullopt);
+  // Puts back the data of the selected card's interrupted Quick Check on a
+  // worker; says what it did through notice().
+  void restoreData();
   // Leaves the result or failure screen.
   void done();
   // With demo cards on, selects the card VLAutoCard names and runs VLAutoRun.
@@ -145,6 +153,7 @@ class CheckModel final : public QObject {
   void speedHistoryChanged();
   void statusLineChanged();
   void stepChanged();
+  void needsRestoreChanged();
   // Something the user should know after the fact (a volume not mounted
   // again, a backup holding zeros, what a stop left on the card).
   void notice(const QString& text);
@@ -158,6 +167,7 @@ class CheckModel final : public QObject {
   void fail(const QString& message);
   void backHome();
   void applyDiskList(int generation, const std::vector<ExternalDisk>& disks);
+  void lookForInterruptedChecks();
 
   Stage stage_ = Home{};
   CardList cards_;
@@ -168,6 +178,9 @@ class CheckModel final : public QObject {
   QString statusLine_;
   std::shared_ptr<CancellationFlag> cancelFlag_ = std::make_shared<CancellationFlag>();
   bool simulate_ = false;
+  bool needsRestore_ = false;
+  bool restoring_ = false;
+  std::vector<std::string> interrupted_;  // ids of listed cards with a journal
   int refreshGeneration_ = 0;
 
   std::unique_ptr<DiskPlatform> platform_;

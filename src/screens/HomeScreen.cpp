@@ -58,7 +58,9 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
       list_(new QListWidget(this)),
       listOrHint_(new QStackedWidget(this)),
       refresh_(new QPushButton("Refresh", this)),
-      format_(new QPushButton("Format for a Camera\u2026", this)) {
+      format_(new QPushButton("Format for a Camera\u2026", this)),
+      restoreBanner_(tileFrame(this)),
+      restore_(new QPushButton("Put Data Back", restoreBanner_)) {
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(0, 8, 0, 0);
   layout->setSpacing(10);
@@ -85,6 +87,23 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
   listOrHint_->addWidget(hint);
   listOrHint_->setMaximumHeight(170);
   layout->addWidget(listOrHint_);
+
+  // A Quick Check that was interrupted left test data on this card: the
+  // first thing to do with it is to put the data back.
+  auto* bannerLayout = new QHBoxLayout(restoreBanner_);
+  bannerLayout->setContentsMargins(14, 10, 14, 10);
+  bannerLayout->addWidget(
+      symbolLabel("exclamationmark.triangle.fill", colors::warning, 24, restoreBanner_), 0,
+      Qt::AlignTop);
+  bannerLayout->addWidget(
+      textLabel("A Quick Check of this card was interrupted before it had put back everything it "
+                "wrote. Your data is kept; put it back before using the card.",
+                restoreBanner_),
+      1);
+  restore_->setAccessibleName("Put Data Back");
+  bannerLayout->addWidget(restore_, 0, Qt::AlignVCenter);
+  restoreBanner_->setVisible(false);
+  layout->addWidget(restoreBanner_);
 
   layout->addSpacing(6);
   layout->addWidget(headingLabel("Tests", 1, this));
@@ -119,6 +138,9 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
   layout->addStretch();
 
   connect(refresh_, &QPushButton::clicked, &model_, &CheckModel::refresh);
+  connect(restore_, &QPushButton::clicked, &model_, &CheckModel::restoreData);
+  connect(&model_, &CheckModel::needsRestoreChanged, this,
+          [this] { restoreBanner_->setVisible(model_.needsRestore()); });
   connect(format_, &QPushButton::clicked, this, [this] { start(CheckAction::format); });
   connect(list_, &QListWidget::currentRowChanged, this, [this](int row) {
     if (row >= 0 && row < static_cast<int>(model_.cards().size())) {
@@ -146,7 +168,8 @@ void HomeScreen::showCards() {
     auto* item = new QListWidgetItem(list_);
     item->setText(QString::fromStdString(card.title()) + "\n" +
                   QString::fromStdString(card.detail()) + " \u00B7 " +
-                  QString::fromStdString(card.sizeDescription()));
+                  QString::fromStdString(card.sizeDescription()) +
+                  (model_.hasInterruptedCheck(card) ? " \u00B7 Data to put back" : ""));
     item->setIcon(symbolIcon("sdcard", colors::accent, 28));
   }
   listOrHint_->setCurrentIndex(model_.cards().empty() ? 1 : 0);

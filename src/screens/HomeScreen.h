@@ -25,6 +25,8 @@ class HomeScreen final : public QWidget {
   QPushButton* formatButton() const { return format_; }
   QPushButton* refreshButton() const { return refresh_; }
   QListWidget* cardList() const { return list_; }
+  // Shown while the selected card holds data of an interrupted Quick Check.
+  QPushButton* restoreButton() const { return restore_; }
 
  public slots:
   // Asks what the action needs (a question, or the erase sheet) and runs it.
@@ -40,6 +42,8 @@ class HomeScreen final : public QWidget {
   QStackedWidget* listOrHint_;
   QPushButton* refresh_;
   QPushButton* format_;
+  QWidget* restoreBanner_;
+  QPushButton* restore_;
   std::array<QPushButton*, 4> runButtons_{};
 };
 

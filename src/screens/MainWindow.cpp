@@ -51,6 +51,9 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
   resize(760, 820);
   setMinimumSize(560, 640);
 
+  connect(&model, &CheckModel::notice, this,
+          [this, &prompts](const QString& text) { prompts.inform(this, "Vellum Check", text); });
+
   QMenu* menu = menuBar()->addMenu("&Vellum Check");
   checkForUpdates_ = menu->addAction("Check for Updates\u2026");
   menu->addSeparator();

@@ -484,6 +484,33 @@ CheckOutcome Session::runQuickCheck(const RunTarget& target,
   return *result;
 }
 
+std::string Session::describe(const std::string& name, const Restored& restored) {
+  if (restored.kept) return {};
+  const RestoreReport& report = restored.report;
+  const auto places = [](std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " place" : " places");
+  };
+  std::string text;
+  if (report.restored > 0 || report.areaBytesRestored > 0) {
+    text = name + ": put back the data at " +
+           places(static_cast<std::size_t>(report.restored + (report.areaBytesRestored > 0))) +
+           " that an interrupted Quick Check had overwritten.";
+  } else {
+    text = name +
+           ": nothing of the interrupted Quick Check was left to put back; its journal was "
+           "removed.";
+  }
+  if (const std::size_t changed = report.changedSince.size(); changed > 0) {
+    std::string offsets;
+    for (std::size_t i = 0; i < changed && i < 5; ++i)
+      offsets += (i > 0 ? ", " : "") + std::to_string(report.changedSince[i]);
+    if (changed > 5) offsets += ", \u2026";
+    text += " " + places(changed) + " written since the check " + (changed == 1 ? "was" : "were") +
+            " left alone, so what was written there stays (byte offsets " + offsets + ").";
+  }
+  return text;
+}
+
 std::string Session::restoreHint(const RunTarget& target) const {
   if (restoreHint_) return restoreHint_(target.name());
   return "choose Put Data Back";

@@ -158,6 +158,9 @@ class Session {
   // the check's test block) or when the target is its card by name or
   // serial; otherwise it stays for the right card. Throws RunError.
   std::vector<Restored> restore(RunTarget& target, const RunHooks& hooks);
+  // What a restore did, in sentences naming the disk; empty for a journal
+  // that was kept for another card.
+  static std::string describe(const std::string& name, const Restored& restored);
 
   // The bytes a Quick Check in this session verified on a disk it proved fake.
   std::optional<std::uint64_t> provenFake(const std::string& deviceIdentifier) const;

@@ -233,6 +233,36 @@ TEST(Screens, StopReturnsHomeAndDisksAskForTheirOwnName) {
   EXPECT_EQ(app.window->currentScreen(), app.window->home());
 }
 
+// A disk whose Quick Check was cut short shows why, and Put Data Back gives
+// its data back and says so.
+TEST(Screens, PutDataBackAfterAnInterruptedQuickCheck) {
+  App app(false);
+  SimulatedDevice& device = *app.fake->disks["sdb"].device;
+  const Bytes before = device.storage();
+  app.fake->onOpen = [](testing::FaultyDevice& faulty) {
+    faulty.beforeWrite = [&faulty](std::uint64_t, std::size_t) {
+      if (faulty.writes > 50) throw WriteError::removed("/dev/sdb");
+    };
+  };
+  app.choose(0);
+  app.click(app.window->home()->runButton(CheckAction::quick));
+  app.settle();
+  ASSERT_EQ(app.window->currentScreen(), app.window->failure());
+  app.fake->onOpen = nullptr;
+  app.click(app.window->failure()->findChild<QPushButton*>());
+  app.settle();
+  QPushButton* putBack = app.window->home()->restoreButton();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return putBack->isVisible(); }));
+  grab(*app.window, "home-put-data-back");
+  app.click(putBack);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return !putBack->isVisible(); }, 10'000));
+  EXPECT_TRUE(device.storage() == before);
+  ASSERT_FALSE(app.prompts.asked.empty());
+  EXPECT_EQ(app.prompts.asked.back().toStdString(),
+            "Vellum Check | sdb: put back the data at 50 places that an interrupted Quick Check "
+            "had overwritten.");
+}
+
 }  // namespace
 }  // namespace vellum
 
