@@ -12,26 +12,9 @@ cli="$build/apps/cli/vellum-check"
 fusedisk="$build/tests/fusedisk/vellum-fusedisk"
 command -v f3probe >/dev/null || { echo "f3probe not found: apt-get install f3" >&2; exit 2; }
 dir=$(mktemp -d /tmp/vellum-f3-XXXXXX)
-loop=
-server=
-stop_disk() {
-  if [ -n "$loop" ]; then losetup -d "$loop" || true; loop=; fi
-  if [ -n "$server" ]; then fusermount3 -u "$dir/mnt" 2>/dev/null || true; wait "$server" || true; server=; fi
-}
+# shellcheck source=bench/fuse-disk.sh
+source "$(dirname "$0")/fuse-disk.sh"
 trap 'stop_disk; rm -rf "$dir"' EXIT
-
-# start_disk CLAIMED REAL MODE: serves a fresh disk and attaches it.
-start_disk() {
-  mkdir -p "$dir/mnt"
-  "$fusedisk" "$dir/mnt" --size "$1" --real "$2" --overflow "$3" \
-    --write-mbps 100 --read-mbps 200 >/dev/null 2>&1 &
-  server=$!
-  for _ in $(seq 200); do
-    [ "$(stat -c %s "$dir/mnt/disk" 2>/dev/null || echo 0)" = "$1" ] && break
-    sleep 0.05
-  done
-  loop=$(losetup --find --show --direct-io=on "$dir/mnt/disk")
-}
 
 now() { date +%s.%N; }
 median() { sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
@@ -41,13 +24,13 @@ printf '%-8s %-10s %-9s | %-12s %14s %8s | %-12s %14s %8s\n' claimed real mode \
 while read -r claimed real mode; do
   : >"$dir/vt" >"$dir/ft"
   for _ in $(seq "$runs"); do
-    start_disk "$claimed" "$real" "$mode"
+    start_disk "$claimed" --real "$real" --overflow "$mode" --write-mbps 100 --read-mbps 200
     t0=$(now)
     out=$(VL_ALLOW_DISK_IMAGES=1 "$cli" quick "${loop#/dev/}" --json || true)
     echo "$(now) - $t0" | bc >>"$dir/vt"
     stop_disk
     vverdict=$(python3 -c 'import json,sys; d=json.loads(sys.argv[1]); print(d["verdict"], d["verifiedBytes"])' "$out")
-    start_disk "$claimed" "$real" "$mode"
+    start_disk "$claimed" --real "$real" --overflow "$mode" --write-mbps 100 --read-mbps 200
     t0=$(now)
     f3=$(f3probe --destructive --time-ops "$loop" 2>&1 || true)
     echo "$(now) - $t0" | bc >>"$dir/ft"

@@ -13,26 +13,9 @@ runs=${2:-3}
 run="$build/bench/vellum-quick-run"
 fusedisk="$build/tests/fusedisk/vellum-fusedisk"
 dir=$(mktemp -d /tmp/vellum-cache-XXXXXX)
-loop=
-server=
-stop_disk() {
-  if [ -n "$loop" ]; then losetup -d "$loop" || true; loop=; fi
-  if [ -n "$server" ]; then fusermount3 -u "$dir/mnt" 2>/dev/null || true; wait "$server" || true; server=; fi
-}
+# shellcheck source=bench/fuse-disk.sh
+source "$(dirname "$0")/fuse-disk.sh"
 trap 'stop_disk; rm -rf "$dir"' EXIT
-
-# start_disk CLAIMED REAL CACHE: serves a fresh disk and attaches it.
-start_disk() {
-  mkdir -p "$dir/mnt"
-  "$fusedisk" "$dir/mnt" --size "$1" --real "$2" --cache "$3" \
-    --write-mbps 20 --read-mbps 90 >/dev/null 2>&1 &
-  server=$!
-  for _ in $(seq 200); do
-    [ "$(stat -c %s "$dir/mnt/disk" 2>/dev/null || echo 0)" = "$1" ] && break
-    sleep 0.05
-  done
-  loop=$(losetup --find --show --direct-io=on "$dir/mnt/disk")
-}
 
 median() { sort -g | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 GB=1000000000
@@ -46,7 +29,7 @@ for card in "genuine $((32 * GB)) $((32 * GB)) $((64 * MiB))" \
   for flush in $((80 * MiB)) 0; do
     times=()
     for _ in $(seq "$runs"); do
-      start_disk "$claimed" "$real" "$cache"
+      start_disk "$claimed" --real "$real" --cache "$cache" --write-mbps 20 --read-mbps 90
       start=$(date +%s.%N)
       result=$("$run" "$loop" "$flush")
       end=$(date +%s.%N)
