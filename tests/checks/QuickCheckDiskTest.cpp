@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 
 #include <cstdint>
 #include <string>
@@ -101,6 +102,29 @@ TEST(QuickCheckOnDisks, AWriteCacheDoesNotHideAFake) {
   }
   const auto genuine = quickCheck({.size = 512 * MiB, .cacheBytes = cache}, {}, true);
   EXPECT_EQ(std::tuple(genuine.verdict, genuine.pointsIntact), std::tuple(Verdict::genuine, 1025));
+}
+
+// A state folder on a full disk: the journal can't be kept, so the check
+// stops before writing anything, and says where.
+TEST(QuickCheckOnDisks, AFullJournalDiskStopsTheCheckBeforeAnyWrite) {
+  VL_REQUIRE_LOOP_DEVICES();  // root, for the mount
+  const testing::TempDir dir;
+  ASSERT_EQ(::mount("tmpfs", dir.path().c_str(), "tmpfs", 0, "size=1m"), 0) << errno;
+  SimulatedDevice card(64 * MiB, std::nullopt, Overflow::wrap, 512);
+  card.write(0, Bytes(64 * MiB, 0x77));
+  const Bytes before = card.storage();
+  const auto folder = dir.path() / "vellum-check";
+  std::string said;
+  try {
+    QuickCheck{}.run(card, CancellationFlag{}, {}, QuickCheck::JournalPlace{folder, {}});
+  } catch (const JournalError& error) {
+    said = error.description();
+  }
+  ::umount2(dir.path().c_str(), MNT_DETACH);
+  EXPECT_EQ(said, "Couldn't keep the undo journal in " + folder.string() +
+                      " (No space left on device), so nothing was written to the card. Free some "
+                      "space there or make the folder writable, then run the Quick Check again.");
+  EXPECT_TRUE(card.storage() == before);
 }
 
 }  // namespace
