@@ -220,7 +220,8 @@ void CheckModel::applyDiskList(int generation, const std::vector<ExternalDisk>& 
 
 void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> backupTo,
                      std::optional<FormatChoice> format) {
-  if (!selected_ || isRunning()) return;
+  // Not while the card's data is being put back.
+  if (!selected_ || isRunning() || restoring_) return;
   cancelFlag_ = std::make_shared<CancellationFlag>();
   setProgress(std::nullopt);
   speedHistory_.clear();

@@ -295,16 +295,21 @@ class Probe {
       step((saved ? 1 : 2) * (extent.length / kFlushStepBytes));
     }
     journal_->commit();
-    // Each piece is marked done once it is on the card, so after a crash
-    // only the one being written is ever put back.
+    // Each group of pieces is noted done once it is on the card, so after a
+    // crash only the group being written is ever put back.
+    std::uint64_t group = 0;
     for (std::size_t i = 0; i < journal_->regionCount(); ++i) {
       const auto piece = first.span().first(static_cast<std::size_t>(journal_->regionSize(i)));
-      const std::uint64_t offset = journal_->readRegion(i, piece);
-      device_.write(offset, piece);
-      device_.synchronize();
-      journal_->regionPieceRewritten(offset);
+      device_.write(journal_->readRegion(i, piece), piece);
       step(piece.size() / kFlushStepBytes);
+      group += piece.size();
+      if (group >= UndoJournal::kRewriteGroupBytes && i + 1 < journal_->regionCount()) {
+        device_.synchronize();
+        journal_->regionsRewritten(i + 1);
+        group = 0;
+      }
     }
+    device_.synchronize();
     journal_->regionRewritten();
   }
 

@@ -249,8 +249,8 @@ void UndoJournal::commit() {
   }
 }
 
-void UndoJournal::regionPieceRewritten(std::uint64_t offset) {
-  append('D', offset, {});
+void UndoJournal::regionsRewritten(std::size_t count) {
+  append('D', count, {});
   if (::fdatasync(fd_.get()) != 0) fail(errno);
 }
 
@@ -327,18 +327,22 @@ RestoreReport restoreFromJournal(const PendingJournal& journal, BlockDevice& dev
   };
 
   std::map<std::uint64_t, Record> points;
-  std::vector<Record> unfinishedArea;  // saved areas whose rewrite never finished
+  std::vector<Record> areas;  // saved areas in the order they are rewritten
+  std::size_t rewritten = 0;
   for (const Record& record : readRecords(fd.get(), header->end)) {
     if (record.kind == 'P') points.insert_or_assign(record.offset, record);
-    if (record.kind == 'R') unfinishedArea.push_back(record);
-    if (record.kind == 'D') {
-      std::erase_if(unfinishedArea, [&](const Record& r) { return r.offset == record.offset; });
-    }
-    if (record.kind == 'F') unfinishedArea.clear();
+    if (record.kind == 'R') areas.push_back(record);
+    if (record.kind == 'D') rewritten = std::max<std::size_t>(rewritten, record.offset);
+    if (record.kind == 'F') rewritten = areas.size();
   }
-  // Pieces are rewritten in order: the first one not done may be torn, the
-  // rest were never touched.
-  if (unfinishedArea.size() > 1) unfinishedArea.resize(1);
+  // Groups are rewritten in order: the first one not noted done may be
+  // torn, the ones after it were never touched.
+  std::vector<Record> unfinishedArea;
+  for (std::size_t i = rewritten, bytes = 0;
+       i < areas.size() && bytes < UndoJournal::kRewriteGroupBytes; ++i) {
+    unfinishedArea.push_back(areas[i]);
+    bytes += areas[i].length;
+  }
 
   const TestPattern pattern(header->nonce);
   const std::uint64_t unit = header->unit;

@@ -56,7 +56,7 @@ class JournalError final : public ErrorOf<journal_error::CannotWrite, journal_er
 //
 // File layout: "VLUNDO01", a 4-byte little-endian length and a JSON header
 // (card, nonce, unit), then records of kind (P a test point's original, R an
-// area's bytes, D that area rewritten, F all areas rewritten), offset, length,
+// area's bytes, D the areas before the Nth rewritten, F all of them), offset, length,
 // the bytes and a checksum. A record torn by a crash ends the journal there; that is safe
 // because nothing it describes was written before the journal was synced.
 class UndoJournal {
@@ -78,9 +78,12 @@ class UndoJournal {
   void saveRegion(std::uint64_t offset, std::span<const std::uint8_t> bytes);
   // Flushes the file and its folder: call before writing what was saved.
   void commit();
-  // Notes (durably) that the saved area at offset is back on the card, then
-  // that all of them are.
-  void regionPieceRewritten(std::uint64_t offset);
+  // Saved areas are rewritten in groups of at least this many bytes (or to
+  // the last one); after each, the card is synchronised and the group noted.
+  static constexpr std::uint64_t kRewriteGroupBytes = 4'194'304;
+  // Notes (durably) that saved areas 0 .. count - 1 are back on the card,
+  // then that all of them are.
+  void regionsRewritten(std::size_t count);
   void regionRewritten();
   std::size_t regionCount() const { return regions_.size(); }
   // Offset and bytes of saved area i; out must be its size.
@@ -141,7 +144,7 @@ struct RestoreReport {
 // holds that check's own test block (same nonce and index), so data written since is never
 // overwritten. An area whose rewrite was interrupted is put back only where
 // it differs, and only when a test block of that check proves this is the
-// card; of those, only the piece that was being written (the others are
+// card; of those, only the group that was being written (the others are
 // either done or untouched, so writes made since stay). Throws the device's errors (the journal
 // stays) or JournalError.
 RestoreReport restoreFromJournal(const PendingJournal& journal, BlockDevice& device);

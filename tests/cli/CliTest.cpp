@@ -219,7 +219,7 @@ TEST(Cli, ImageFilesAreTestedWipedAndCopied) {
 TEST(Cli, InterruptedQuickCheckRestoresTheCard) {
   TempDir dir;
   const std::string image = dir.file("card.img");
-  const std::string content = randomBytes(256 * kMiB, 11);
+  const std::string content = randomBytes(32 * kMiB, 11);
   writeFile(image, content);
   for (const int stop : {SIGINT, SIGHUP, SIGQUIT}) {
     const TerminalRun run = cliOnTerminal({"quick", image}, "Testing points", std::nullopt, stop);

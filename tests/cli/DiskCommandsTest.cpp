@@ -475,14 +475,14 @@ TEST(CliDisk, KilledQuickChecksAreUndoneByRestore) {
   VL_REQUIRE_FUSE_DISKS();
   TempDir dir;
   const std::string image = dir.file("card.img");
-  std::string content = randomBytes(48 * kMiB, 11);
+  std::string content = randomBytes(24 * kMiB, 11);
   writeFile(image, content);
   const std::string backing = dir.file("fake.img");
-  const std::string fakeContent = randomBytes(48 * kMiB, 12);
+  const std::string fakeContent = randomBytes(24 * kMiB, 12);
   writeFile(backing, fakeContent);
-  FuseDisk fake({.size = 512 * kMiB,
-                 .realCapacity = 48 * kMiB,
-                 .cacheBytes = 16 * kMiB,
+  FuseDisk fake({.size = 256 * kMiB,
+                 .realCapacity = 24 * kMiB,
+                 .cacheBytes = 8 * kMiB,
                  .backingFile = backing});
 
   struct Disk {
