@@ -451,7 +451,11 @@ CheckOutcome Session::runQuickCheck(const RunTarget& target,
   } catch (...) {
     failure = std::current_exception();
   }
-  if (!mounted.empty()) {
+  // Test data still on the card stays unmounted: the system must not read
+  // or change those places before the data is put back.
+  const bool dataToPutBack =
+      failure && card && !journalsOf(allInterruptedChecks(), *card, true).empty();
+  if (!mounted.empty() && !dataToPutBack) {
     const std::vector<std::string> failures = platform_.remount(mounted);
     for (const std::string& sentence : failures)
       tell(hooks, sentence);
@@ -459,7 +463,7 @@ CheckOutcome Session::runQuickCheck(const RunTarget& target,
       tell(hooks, mounted.size() == 1 ? "Mounted its volume again." : "Mounted its volumes again.");
     }
   }
-  if (failure && card && !journalsOf(allInterruptedChecks(), *card, true).empty()) {
+  if (dataToPutBack) {
     // Not everything was put back: the journal has it, and says how.
     try {
       std::rethrow_exception(failure);

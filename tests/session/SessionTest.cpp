@@ -230,6 +230,7 @@ TEST(Session, APulledCardIsRefusedUntilItsDataIsPutBack) {
   device.write(0, Bytes(16 << 20, 0x5A));
   const Bytes before = device.storage();
   const Card card{platform.disks["sdb"].listed};
+  platform.mounted.insert("sdb");
 
   platform.onOpen = [](testing::FaultyDevice& faulty) {
     faulty.beforeWrite = [&faulty](std::uint64_t, std::size_t) {
@@ -241,6 +242,7 @@ TEST(Session, APulledCardIsRefusedUntilItsDataIsPutBack) {
             "sdb was removed before the Quick Check had put back everything it wrote. Your data "
             "is kept in the undo journal: insert the card again, then choose Put Data Back.");
   EXPECT_FALSE(device.storage() == before);
+  EXPECT_EQ(platform.remounted, 0) << "mounted again with test data on it";
   platform.onOpen = nullptr;
 
   RunTarget target = RunTarget::of(card);
@@ -254,6 +256,7 @@ TEST(Session, APulledCardIsRefusedUntilItsDataIsPutBack) {
   ASSERT_EQ(restored.size(), 1u);
   EXPECT_EQ(restored[0].report.restored, 300);
   EXPECT_TRUE(device.storage() == before);
+  EXPECT_EQ(platform.remounted, 1);
   EXPECT_TRUE(session.interruptedChecks(target).empty());
   EXPECT_TRUE(session.restore(target, {}).empty());
 }
