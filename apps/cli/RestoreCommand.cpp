@@ -55,13 +55,15 @@ int runRestore(const std::vector<std::string>& words) {
       throw UsageError("demo cards keep no journal; give a disk (like sdb) or an image file.");
     }
     const std::vector<Session::Restored> restored = session().restore(target, hooks);
-    bool any = false;
+    bool kept = false;
     for (const Session::Restored& one : restored) {
       printRestored(target.name(), one);
-      any = any || !one.kept;
+      kept = kept || one.kept;
     }
-    if (!any) std::printf("%s: no interrupted Quick Check to undo.\n", target.name().c_str());
-    return kGoodVerdict;
+    if (restored.empty()) {
+      std::printf("%s: no interrupted Quick Check to undo.\n", target.name().c_str());
+    }
+    return kept ? kBadVerdict : kGoodVerdict;
   }
 
   const bool imagesAllowed = SystemPaths::environmentAllowsDiskImages();
@@ -84,8 +86,10 @@ int runRestore(const std::vector<std::string>& words) {
         if (error.is<RunError::Refused>()) continue;  // not a disk that can be written now
         throw;
       }
+      // Another card that only looks alike is not worth a line here; a
+      // journal left over is listed below.
       for (const Session::Restored& one : restored)
-        printRestored(target.name(), one);
+        if (!one.kept) printRestored(target.name(), one);
       if (!std::filesystem::exists(journal.path)) {
         done = true;
         break;

@@ -489,8 +489,13 @@ CheckOutcome Session::runQuickCheck(const RunTarget& target,
 }
 
 std::string Session::describe(const std::string& name, const Restored& restored) {
-  if (restored.kept) return {};
   const RestoreReport& report = restored.report;
+  if (restored.kept) {
+    return name + " doesn't hold the test data of the interrupted Quick Check of " +
+           restored.journal.card.name + ", so nothing was written: it seems to be another " +
+           "card. Insert the card that was being checked and put its data back; if that card " +
+           "was formatted since, delete " + restored.journal.path.string() + ".";
+  }
   const auto places = [](std::size_t count) {
     return std::to_string(count) + (count == 1 ? " place" : " places");
   };
@@ -556,7 +561,14 @@ std::vector<Session::Restored> Session::restore(RunTarget& target, const RunHook
           "Putting back the data of an interrupted Quick Check on the " + target.noun() + "…");
       for (const PendingJournal& journal : journals) {
         Restored one{journal, restoreFromJournal(journal, *device)};
-        one.kept = !one.report.provenSameCard && !journal.card.isSameCard(*card);
+        // Without a test block to prove it, a journal is done with only on
+        // its own card (by name or serial) where more places hold their
+        // original bytes than not: an identical card in the same reader
+        // must not make the real card's journal go away.
+        const RestoreReport& report = one.report;
+        one.kept = !report.provenSameCard &&
+                   !(journal.card.isSameCard(*card) &&
+                     report.alreadyBack >= static_cast<std::int64_t>(report.changedSince.size()));
         if (!one.kept) removeJournal(journal.path);
         restored.push_back(std::move(one));
       }

@@ -252,11 +252,23 @@ TEST(Session, APulledCardIsRefusedUntilItsDataIsPutBack) {
               "sdb still holds test data from a Quick Check that was interrupted. To put its data "
               "back, choose Put Data Back first.");
   }
+  // Another card of the same model in the same reader is left alone, and the
+  // journal stays for the real one.
+  const Bytes pulledCard = device.storage();
+  const Bytes otherCard(16 << 20, 0x33);
+  device.write(0, otherCard);
+  const std::vector<Session::Restored> other = session.restore(target, {});
+  ASSERT_EQ(other.size(), 1u);
+  EXPECT_TRUE(other[0].kept);
+  EXPECT_TRUE(device.storage() == otherCard);
+  EXPECT_EQ(session.interruptedChecks(target).size(), 1u);
+
+  device.write(0, pulledCard);
   const std::vector<Session::Restored> restored = session.restore(target, {});
   ASSERT_EQ(restored.size(), 1u);
   EXPECT_EQ(restored[0].report.restored, 300);
   EXPECT_TRUE(device.storage() == before);
-  EXPECT_EQ(platform.remounted, 1);
+  EXPECT_EQ(platform.remounted, 2);
   EXPECT_TRUE(session.interruptedChecks(target).empty());
   EXPECT_TRUE(session.restore(target, {}).empty());
 }
