@@ -9,7 +9,7 @@
 namespace vellum {
 
 std::filesystem::path userStateFolder() {
-  // The specification allows only absolute paths; others are ignored.
+  // A relative XDG_STATE_HOME is ignored, as other desktop programs do.
   if (const char* state = std::getenv("XDG_STATE_HOME"); state && state[0] == '/') {
     return std::filesystem::path(state) / "vellum-check";
   }
