@@ -14,7 +14,7 @@ function(vellum_defaults target)
     target_compile_options(${target} PRIVATE -Wno-array-bounds -Wno-stringop-overflow
       -Wno-stringop-overread)
   endif()
-  if(VELLUM_SANITIZE)
+  if(VELLUM_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # ASan's instrumentation makes GCC's maybe-uninitialized analysis report
     # std::function and <regex> internals.
     target_compile_options(${target} PRIVATE -Wno-maybe-uninitialized)

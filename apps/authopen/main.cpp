@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -26,17 +27,14 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "Arguments.h"
 
 namespace {
 
 constexpr int kRefused = 1;
 constexpr int kUsage = 64;
-
-// Flags a caller may ask for. Everything that could create, truncate or reach
-// something other than the device itself (O_CREAT, O_TRUNC, O_PATH,
-// O_DIRECTORY, O_TMPFILE, ...) is refused.
-constexpr int kAllowedFlags = O_ACCMODE | O_EXCL | O_CLOEXEC | O_DIRECT | O_SYNC | O_DSYNC |
-                              O_NOFOLLOW | O_NONBLOCK | O_NOATIME | O_LARGEFILE;
 
 // Tells the caller why (0: not a disk this helper opens), then exits.
 int refuse(const std::string& why, int errnum = 0) {
@@ -47,27 +45,6 @@ int refuse(const std::string& why, int errnum = 0) {
     sent = ::send(STDOUT_FILENO, reason.data(), reason.size(), MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   return kRefused;
-}
-
-std::optional<int> parseFlags(std::string_view text) {
-  if (text.empty() || text.size() > 10) return std::nullopt;
-  long long value = 0;
-  for (const char c : text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    value = value * 10 + (c - '0');
-  }
-  if (value > INT_MAX) return std::nullopt;
-  return static_cast<int>(value);
-}
-
-bool isKernelName(std::string_view name) {
-  if (name.empty() || name.size() > 64 || name == "." || name == "..") return false;
-  for (const char c : name) {
-    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                    c == '_' || c == '-' || c == '.';
-    if (!ok) return false;
-  }
-  return true;
 }
 
 bool exists(const std::string& path) {
@@ -118,15 +95,10 @@ bool passDescriptor(int fd) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::optional<int> flags = O_RDONLY;
-  std::string path;
-  if (argc == 3 && std::string_view(argv[1]) == "-stdoutpipe") {
-    path = argv[2];
-  } else if (argc == 5 && std::string_view(argv[1]) == "-stdoutpipe" &&
-             std::string_view(argv[2]) == "-o") {
-    flags = parseFlags(argv[3]);
-    path = argv[4];
-  } else {
+  std::vector<std::string_view> arguments(argv + std::min(argc, 1), argv + argc);
+  const std::optional<vellum::authopen::Request> request =
+      vellum::authopen::parseArguments(arguments);
+  if (!request) {
     std::fprintf(stderr, "usage: vellum-authopen -stdoutpipe [-o FLAGS] PATH\n");
     return kUsage;
   }
@@ -134,9 +106,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vellum-authopen: standard output must be a Unix socket\n");
     return kRefused;
   }
-  if (!flags || (*flags & ~kAllowedFlags) != 0 || (*flags & O_ACCMODE) == O_ACCMODE) {
-    return refuse("open flags not allowed");
-  }
+  if (!vellum::authopen::flagsAllowed(request->flags)) return refuse("open flags not allowed");
+  const std::string& path = request->path;
 
   // Resolve every symlink and "..", then insist on a node directly under /dev.
   if (path.empty() || path.front() != '/') return refuse(path + ": not an absolute path");
@@ -145,11 +116,9 @@ int main(int argc, char** argv) {
     const int errnum = errno;
     return refuse(path + ": " + std::strerror(errnum), errnum);
   }
-  const std::string_view real(resolved);
-  constexpr std::string_view kDev = "/dev/";
-  if (real.substr(0, kDev.size()) != kDev) return refuse(path + ": not a device under /dev");
-  const std::string name(real.substr(kDev.size()));
-  if (!isKernelName(name)) return refuse(path + ": not a whole disk");
+  const std::optional<std::string> disk = vellum::authopen::diskName(resolved);
+  if (!disk) return refuse(path + ": not a whole disk under /dev");
+  const std::string& name = *disk;
 
   // /sys/block lists whole disks only; a partition has a "partition" file.
   if (!exists("/sys/block/" + name) || exists("/sys/block/" + name + "/partition")) {
@@ -162,7 +131,7 @@ int main(int argc, char** argv) {
     return refuse(path + ": not the block device of disk " + name);
   }
 
-  int openFlags = *flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
+  int openFlags = *request->flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC;
   // A writable open is always exclusive: nothing may mount the disk meanwhile.
   if ((openFlags & O_ACCMODE) != O_RDONLY) openFlags |= O_EXCL;
   const int fd = ::open(resolved, openFlags);

@@ -66,11 +66,6 @@ CheckModel::~CheckModel() {
   workers_.waitForDone();
 }
 
-bool CheckModel::isProvenFake(const Card& card) const {
-  const ExternalDisk* disk = card.disk();
-  return disk && session_->provenFake(disk->deviceIdentifier).has_value();
-}
-
 int CheckModel::step() const {
   if (std::holds_alternative<Running>(stage_)) return 2;
   if (std::holds_alternative<Result>(stage_)) return 4;

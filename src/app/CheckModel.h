@@ -116,8 +116,6 @@ class CheckModel final : public QObject {
   bool hasInterruptedCheck(const Card& card) const;
   // The flag of the current run; the Stop button cancels it.
   CancellationFlag& cancelFlag() { return *cancelFlag_; }
-  // True when a Quick Check in this session proved the disk fake.
-  bool isProvenFake(const Card& card) const;
   Session& session() { return *session_; }
 
   // The step bar: 0 with no card, 1 with one, 2 while running, 4 with a result.

@@ -175,10 +175,6 @@ std::string encodeFilesJson(std::span<const CarvedFile> files) {
   return array.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::vector<CarvedFile> decodeFilesJson(std::string_view text) {
-  return nlohmann::json::parse(text).get<std::vector<CarvedFile>>();
-}
-
 CarveError::CarveError(Case errorCase) : ErrorOf(errorCase, describe(errorCase)) {}
 
 }  // namespace vellum

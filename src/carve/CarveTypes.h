@@ -111,7 +111,6 @@ std::string encodeReportJson(const CarveReport& report);
 CarveReport decodeReportJson(std::string_view text);
 // A bare array of file objects (what an export writes).
 std::string encodeFilesJson(std::span<const CarvedFile> files);
-std::vector<CarvedFile> decodeFilesJson(std::string_view text);
 
 // The name of the report file in an output folder.
 inline constexpr std::string_view carveReportFileName = "vellum-report.json";

@@ -21,28 +21,4 @@ std::optional<CarveMatch> carveBytes(const FormatCarver& carver,
   }
 }
 
-std::optional<Identification> identify(ByteSource& source, std::uint64_t start) {
-  ReadContext context(source);
-  for (const FormatCarver* carver : CarverRegistry::all()) {
-    for (const Bytes& signature : carver->signatures()) {
-      const Bytes here = context.bytes(start + carver->signatureOffset(),
-                                       static_cast<std::int64_t>(signature.size()));
-      if (here != signature) continue;
-      std::optional<CarveMatch> match;
-      try {
-        match = carver->carve(start, context);
-      } catch (const std::exception&) {
-      }
-      if (match && match->length > 0) {
-        if (match->length > source.size() - start) {
-          match->length = source.size() - start;
-          match->confidence = CarveConfidence::heuristic;
-        }
-        return Identification{carver, *match};
-      }
-    }
-  }
-  return std::nullopt;
-}
-
 }  // namespace vellum

@@ -24,10 +24,4 @@ std::vector<const FormatCarver*> CarverRegistry::carvers(const FormatCategorySet
   return chosen;
 }
 
-const FormatCarver* CarverRegistry::byId(std::string_view id) {
-  for (const FormatCarver* carver : all())
-    if (carver->id() == id) return carver;
-  return nullptr;
-}
-
 }  // namespace vellum

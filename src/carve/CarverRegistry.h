@@ -16,8 +16,6 @@ class CarverRegistry {
   static const std::vector<const FormatCarver*>& all();
   // Those of all() whose categories share a member with the given set.
   static std::vector<const FormatCarver*> carvers(const FormatCategorySet& categories);
-  // The carver with this id, or nullptr.
-  static const FormatCarver* byId(std::string_view id);
 };
 
 }  // namespace vellum

@@ -119,18 +119,4 @@ TestPattern::Verdict TestPattern::verify(std::span<const std::uint8_t> block,
   return Aliased{stored};
 }
 
-std::vector<TestPattern::Verdict> TestPattern::verifyBlocks(std::span<const std::uint8_t> buffer,
-                                                            std::uint64_t firstIndex) const {
-  const std::size_t count = (buffer.size() + blockSize - 1) / blockSize;
-  requireIndices(firstIndex, count);
-  std::vector<Verdict> verdicts;
-  verdicts.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    const std::size_t start = i * blockSize;
-    const std::size_t length = std::min(blockSize, buffer.size() - start);
-    verdicts.push_back(verify(buffer.subspan(start, length), firstIndex + i));
-  }
-  return verdicts;
-}
-
 }  // namespace vellum

@@ -39,9 +39,6 @@ class TestPattern {
   void fill(std::uint64_t first, std::span<std::uint8_t> out) const;
 
   Verdict verify(std::span<const std::uint8_t> block, std::uint64_t expectedIndex) const;
-  // One verdict per 4096-byte slice (the last one may be short and corrupt).
-  std::vector<Verdict> verifyBlocks(std::span<const std::uint8_t> buffer,
-                                    std::uint64_t firstIndex) const;
 
  private:
   std::uint64_t nonce_;

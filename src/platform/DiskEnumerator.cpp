@@ -81,17 +81,6 @@ std::optional<DiskEnumerator::WholeDisk> DiskEnumerator::wholeDisk(
   return WholeDisk{*name, "/dev/" + *name, facts ? facts->sizeBytes : 0};
 }
 
-bool DiskEnumerator::unmountDisk(const std::string& deviceIdentifier, const SystemPaths& paths) {
-  try {
-    DiskIdentity identity;
-    identity.deviceIdentifier = deviceIdentifier;
-    DeviceGuard::unmountAll(identity, paths);
-    return true;
-  } catch (const Error&) {
-    return false;
-  }
-}
-
 std::string DiskEnumerator::changeStamp(const SystemPaths& paths) {
   std::string stamp;
   for (const std::string& name : DiskFactsReader(paths).diskNames()) {

@@ -40,8 +40,6 @@ class DiskEnumerator {
   // on it); absent when it is not on a block device.
   static std::optional<WholeDisk> wholeDisk(const std::filesystem::path& forVolume,
                                             const SystemPaths& paths = {});
-  // Unmounts every volume of the disk; true when nothing of it stays mounted.
-  static bool unmountDisk(const std::string& deviceIdentifier, const SystemPaths& paths = {});
 
   // A cheap summary of the block devices present (name, disk sequence, size and
   // read-only flag of each, reading three small sysfs files per disk): polled

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,6 +18,8 @@
 
 namespace vellum {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 using testing::TempDir;
 using testing::writeFile;
@@ -61,13 +64,8 @@ TEST(ByteSource, Descriptions) {
 TEST(FileSource, OpenFailuresNameThePath) {
   TempDir dir;
   const std::string missing = dir.file("missing.img");
-  try {
-    FileSource source(missing);
-    FAIL() << "opened a missing file";
-  } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::cannotOpen(missing, ENOENT));
-    EXPECT_EQ(error.description(), "Could not open " + missing + ": No such file or directory");
-  }
+  EXPECT_THAT([&] { FileSource source(missing); },
+              ThrowsMessage<DeviceError>("Could not open " + missing + ": No such file or directory"));
 }
 
 TEST(FileSource, FileThatShrinksReadsShort) {
@@ -86,13 +84,8 @@ TEST(FileSource, ReadErrorCarriesOffsetOfFailingCall) {
   FileSource source(dir.path().string());
   // Directories report a non-zero st_size on most file systems; force a size.
   if (source.size() == 0) GTEST_SKIP() << "directory size is 0 on this file system";
-  try {
-    (void)source.read(0, 16);
-    FAIL() << "read of a directory succeeded";
-  } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::readFailed(0, EISDIR));
-    EXPECT_EQ(error.description(), "Read failed at offset 0: Is a directory");
-  }
+  EXPECT_THAT([&] { (void)source.read(0, 16); },
+              ThrowsMessage<DeviceError>("Read failed at offset 0: Is a directory"));
 }
 
 TEST(DeviceError, Descriptions) {

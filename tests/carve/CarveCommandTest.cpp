@@ -31,6 +31,8 @@ struct CarveCommandTest : ::testing::Test {
   }
 };
 
+// What the engine and exporter find is theirs to test; here the command's
+// options, its words and its exit codes.
 TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
   const ProcessResult result = cli({"carve", image, "--out", out.string()});
   EXPECT_EQ(result.exitCode, 0) << result.err;
@@ -39,17 +41,11 @@ TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
                             "  png          1  5 KB\n  wav          1  1 KB\n"
                             "Wrote the files and vellum-report.json to " +
                             out.string() + ".\n");
-  for (const char* file : {"JPG/f1.jpg", "JPG/f128.jpg", "PNG/f16.png", "WAV/f256.wav"})
-    EXPECT_TRUE(fs::exists(out / file)) << file;
-
   const fs::path audio = temp.path() / "audio";
-  ASSERT_EQ(cli({"carve", image, "--out", audio.string(), "--catalog", "--categories", "audio",
-                 "--stride", "4096", "--chunk", "65536"})
-                .exitCode,
-            0);
-  const CarveReport report = decodeReportJson(readText(audio / "vellum-report.json"));
-  ASSERT_EQ(report.files.size(), 1U);
-  EXPECT_EQ(report.files[0].ext, "wav");
+  const ProcessResult catalog = cli({"carve", image, "--out", audio.string(), "--catalog",
+                                     "--categories", "audio", "--stride", "4096"});
+  EXPECT_EQ(catalog.exitCode, 0) << catalog.err;
+  EXPECT_EQ(decodeReportJson(readText(audio / "vellum-report.json")).files.size(), 1U);
   EXPECT_FALSE(fs::exists(audio / "WAV"));
 
   const std::string listing = (out / "vellum-report.json").string();
@@ -67,22 +63,14 @@ TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
   EXPECT_EQ(changed.exitCode, 1);
   EXPECT_EQ(changed.out, "Saved 3 of 4 files to " + again.string() +
                              ".\n1 changed since the scan and were not saved.\n");
-  EXPECT_FALSE(fs::exists(again / "JPG" / "f128.jpg"));
-
-  // A report is a file a person may be sent: one that names a file past the
-  // end of the source, or an extension that leads out of the folder, saves
-  // nothing.
-  std::string text = readText(listing);
-  const std::string past = temp.file("past.json"), escape = temp.file("escape.json");
-  writeFile(past, std::regex_replace(text, std::regex("\"start\": 512"), "\"start\": 1048000"));
-  writeFile(escape, std::regex_replace(text, std::regex("\"ext\": \"png\""), "\"ext\": \"..\""));
-  for (const std::string& bad : {past, escape}) {
-    const fs::path nowhere = temp.path() / "nowhere";
-    const ProcessResult refused = cli({"export", bad, image, "--out", nowhere.string()});
-    EXPECT_EQ(refused.exitCode, 2) << refused.err;
-    EXPECT_NE(refused.err.find("Nothing was saved."), std::string::npos) << refused.err;
-    EXPECT_FALSE(fs::exists(nowhere));
-  }
+  // A report naming a file past the end of the source saves nothing.
+  const std::string past = temp.file("past.json");
+  writeFile(past, std::regex_replace(readText(listing), std::regex("\"start\": 512"),
+                                     "\"start\": 1048000"));
+  const ProcessResult refused = cli({"export", past, image, "--out", temp.file("nowhere")});
+  EXPECT_EQ(refused.exitCode, 2) << refused.err;
+  EXPECT_NE(refused.err.find("Nothing was saved."), std::string::npos) << refused.err;
+  EXPECT_FALSE(fs::exists(temp.file("nowhere")));
 }
 
 TEST_F(CarveCommandTest, UsageMistakes) {

@@ -12,39 +12,11 @@
 namespace vellum::testing {
 namespace {
 
-TEST(CarverRegistryTest, OrderSignaturesAndCategories) {
+TEST(CarverRegistryTest, ChoosesCarversByCategory) {
   std::vector<std::string_view> ids;
-  for (const FormatCarver* carver : CarverRegistry::all())
-    ids.push_back(carver->id());
-  EXPECT_EQ(ids, (std::vector<std::string_view>{"png", "jpeg", "gif", "bmp", "isobmff", "riff",
-                                                "tiff", "pdf", "zip", "ole2", "mp3"}));
-  EXPECT_EQ(riffCarver().signatures(),
-            (std::vector<Bytes>{signatureBytes("RIFF"), signatureBytes("FORM")}));
-  EXPECT_EQ(CarverRegistry::byId("riff"), &riffCarver());
-  ids.clear();
   for (const FormatCarver* carver : CarverRegistry::carvers({FormatCategory::documents}))
     ids.push_back(carver->id());
   EXPECT_EQ(ids, (std::vector<std::string_view>{"pdf", "zip", "ole2"}));
-}
-
-TEST(CarverProbeTest, IdentifiesASingleFile) {
-  const std::vector<std::tuple<Bytes, std::string_view, std::string_view>> cases = {
-      {samplePng(), "png", "png"},
-      {sampleGif(), "gif", "gif"},
-      {sampleIsoBmff("M4A ", {{"moov", 10}, {"mdat", 10}}), "isobmff", "m4a"},
-      {sampleRiff("RIFF", "WAVE", 10), "riff", "wav"}};
-  for (const auto& [file, carver, ext] : cases) {
-    MemorySource source(file);
-    const auto found = identify(source);
-    ASSERT_TRUE(found) << carver;
-    EXPECT_EQ(found->carver->id(), carver);
-    EXPECT_EQ(found->match, exactMatch(file.size(), std::string(ext), found->match.category));
-  }
-  MemorySource nothing(filler(100, 0x20));
-  EXPECT_FALSE(identify(nothing));
-  // A stated end past the source is cut and marked heuristic.
-  MemorySource cutWav(cut(sampleRiff("RIFF", "WAVE", 100), 60));
-  EXPECT_EQ(identify(cutWav)->match, heuristicMatch(60, "wav", FormatCategory::audio));
 }
 
 TEST(ReadContextTest, ReadsAreClampedAndWindowsServeOnlyWholeRanges) {
@@ -138,59 +110,17 @@ TEST(CarveTypesTest, HeadDigestIsFnv1aInUpperCaseHexWithoutLeadingZeros) {
   EXPECT_TRUE(sawShort);
 }
 
-TEST(CarveTypesTest, NamesOfCategoriesAndConfidences) {
-  std::vector<std::string_view> names;
-  for (FormatCategory c : allFormatCategories) {
-    names.insert(names.end(), {toString(c), displayName(c), symbolName(c)});
-    EXPECT_EQ(formatCategoryFromString(toString(c)), c);
-  }
-  EXPECT_EQ(names, (std::vector<std::string_view>{
-                       "photos", "Photos", "photo", "rawPhotos", "Camera RAW", "camera.aperture",
-                       "video", "Video", "film", "audio", "Audio", "waveform", "documents",
-                       "Documents", "doc.text", "archives", "Archives", "shippingbox"}));
-  EXPECT_EQ(formatCategoryFromString("Photos"), std::nullopt);
-  EXPECT_EQ(carveConfidenceFromString("heuristic"), CarveConfidence::heuristic);
-  EXPECT_EQ(carveConfidenceFromString("close"), std::nullopt);
-  EXPECT_EQ(CarveError::outputNotWritable("/tmp/out").description(),
-            "Cannot write to output folder /tmp/out.");
-}
-
-TEST(CarveTypesTest, ReportJsonHasSortedKeysAndLeavesOutAbsentValues) {
+TEST(CarveTypesTest, ReportJsonRoundTripsAndRefusesWhatCouldEscapeTheOutputFolder) {
   CarveReport report{"/tmp/card.img", 1'048'576, 524'288, 1.5, 2, true, {}};
   report.files.push_back(
       {1024, 300, "jpg", FormatCategory::photos, CarveConfidence::exact, "/out/JPG/f2.jpg", "ABC"});
   report.files.push_back({4096, 77, "cr3", FormatCategory::rawPhotos, CarveConfidence::heuristic,
                           std::nullopt, std::nullopt});
   const std::string text = encodeReportJson(report);
-  EXPECT_EQ(text, R"({
-  "badReads": 2,
-  "cancelled": true,
-  "duration": 1.5,
-  "files": [
-    {
-      "category": "photos",
-      "confidence": "exact",
-      "ext": "jpg",
-      "headDigest": "ABC",
-      "length": 300,
-      "outputPath": "/out/JPG/f2.jpg",
-      "start": 1024
-    },
-    {
-      "category": "rawPhotos",
-      "confidence": "heuristic",
-      "ext": "cr3",
-      "length": 77,
-      "start": 4096
-    }
-  ],
-  "scannedBytes": 524288,
-  "sourceDescription": "/tmp/card.img",
-  "totalBytes": 1048576
-}
-)");
+  // Absent values are left out rather than written as null.
+  EXPECT_EQ(text.find("null"), std::string::npos) << text;
+  EXPECT_LT(text.find("\"badReads\""), text.find("\"totalBytes\"")) << "keys are sorted";
   EXPECT_EQ(decodeReportJson(text), report);
-  EXPECT_EQ(decodeFilesJson(encodeFilesJson(report.files)), report.files);
 
   const nlohmann::json good = nlohmann::json::parse(text);
   for (const auto& [key, value] :

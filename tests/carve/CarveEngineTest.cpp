@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -11,6 +12,8 @@
 
 namespace vellum::testing {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 namespace fs = std::filesystem;
 using Mode = CarveEngine::OutputMode;
@@ -35,21 +38,11 @@ class FakeCarver final : public FormatCarver {
   Verdict verdict_;
 };
 
-template <typename Error>
-std::string failure(CarveEngine& engine) {
-  try {
-    engine.run();
-  } catch (const Error& error) {
-    return error.description();
-  }
-  return "no error";
-}
-
 TEST(CarveEngineTest, Refusals) {
   TempDir temp;
   MemorySource empty(Bytes{});
   CarveEngine none(empty, carveConfig(temp.path() / "out", Mode::files));
-  EXPECT_EQ(failure<CarveError>(none), "The selected source reports a size of zero bytes.");
+  EXPECT_THAT([&] { none.run(); }, ThrowsMessage<CarveError>("The selected source reports a size of zero bytes."));
   EXPECT_FALSE(fs::exists(temp.path() / "out"));  // before touching the folder
 
   MemorySource source(filler(4096));
@@ -63,7 +56,7 @@ TEST(CarveEngineTest, Refusals) {
     if (offset == 131072) throw DeviceError::readFailed(offset, 5);
   };
   CarveEngine broken(failing, carveConfig(temp.path()));
-  EXPECT_EQ(failure<DeviceError>(broken), DeviceError::readFailed(131072, 5).description());
+  EXPECT_THAT([&] { broken.run(); }, ThrowsMessage<DeviceError>(DeviceError::readFailed(131072, 5).description()));
 
   // Root writes into read-only folders, but not into /proc.
   const fs::path locked = geteuid() == 0 ? fs::path("/proc/self") : temp.path() / "locked";
@@ -72,7 +65,7 @@ TEST(CarveEngineTest, Refusals) {
     fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
   }
   CarveEngine engine(source, carveConfig(locked));
-  EXPECT_EQ(failure<CarveError>(engine), "Cannot write to output folder " + locked.string() + ".");
+  EXPECT_THAT([&] { engine.run(); }, ThrowsMessage<CarveError>("Cannot write to output folder " + locked.string() + "."));
   if (geteuid() != 0) fs::permissions(locked, fs::perms::owner_all);
 }
 

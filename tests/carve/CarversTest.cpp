@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <random>
-#include <source_location>
 
 #include "CarveSamples.h"
 #include "CarverTesting.h"
@@ -27,10 +25,7 @@ CarveMatch doubt(std::uint64_t length, std::string ext, FormatCategory category)
   return heuristicMatch(length, std::move(ext), category);
 }
 
-// Each case names the line that added it.
-using Where = std::source_location;
 struct Case {
-  Where where;
   const FormatCarver* carver;
   Bytes bytes;
   std::optional<CarveMatch> want;
@@ -40,7 +35,7 @@ struct Case {
 void check(const std::vector<Case>& cases) {
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const Case& c = cases[i];
-    SCOPED_TRACE(::testing::Message() << "case " << i << " from line " << c.where.line());
+    SCOPED_TRACE(::testing::Message() << "case " << i << " (" << c.carver->id() << ")");
     MemorySource source(c.bytes);
     ReadContext context(source);
     const auto got = c.carver->carve(c.start, context);
@@ -69,8 +64,8 @@ Bytes le32At(Bytes bytes, std::size_t at, std::uint32_t value) {
 TEST(Carvers, GoodFiles) {
   std::vector<Case> cases;
   const auto add = [&](const FormatCarver& carver, Bytes bytes, CarveMatch want,
-                       std::size_t tail = 0, Where where = Where::current()) {
-    cases.push_back({where, &carver, withTail(std::move(bytes), tail), want});
+                       std::size_t tail = 0) {
+    cases.push_back({&carver, withTail(std::move(bytes), tail), want});
   };
   const Bytes png = samplePng();
   add(pngCarver(), png, sure(png.size(), "png", photos), 1000);
@@ -204,9 +199,8 @@ TEST(Carvers, GoodFiles) {
 
 TEST(Carvers, TruncatedFiles) {
   std::vector<Case> cases;
-  const auto add = [&](const FormatCarver& carver, Bytes bytes, std::optional<CarveMatch> want,
-                       Where where = Where::current()) {
-    cases.push_back({where, &carver, std::move(bytes), want});
+  const auto add = [&](const FormatCarver& carver, Bytes bytes, std::optional<CarveMatch> want) {
+    cases.push_back({&carver, std::move(bytes), want});
   };
   const Bytes png = samplePng();
   for (std::size_t at : {std::size_t{8}, std::size_t{20}, png.size() - 13, png.size() - 5})
@@ -260,8 +254,7 @@ TEST(Carvers, TruncatedFiles) {
   append(whole, "%%EOF\n");
   append(shortPdf, withTail(whole, 1000));
   add(pdfCarver(), shortPdf, std::nullopt);
-  cases.push_back(
-      {Where::current(), &pdfCarver(), shortPdf, sure(whole.size(), "pdf", docs), nextAt});
+  cases.push_back({&pdfCarver(), shortPdf, sure(whole.size(), "pdf", docs), nextAt});
 
   // Cut in entry data, in the directory, in the comment; a descriptor that never comes.
   const ZipArchive zip = sampleZip({{"a.txt", filler(400, 1)}, {"b.txt", filler(400, 2)}});
@@ -282,9 +275,8 @@ TEST(Carvers, TruncatedFiles) {
 TEST(Carvers, HostileFiles) {
   std::vector<Case> cases;
   const auto add = [&](const FormatCarver& carver, Bytes bytes,
-                       std::optional<CarveMatch> want = std::nullopt,
-                       Where where = Where::current()) {
-    cases.push_back({where, &carver, std::move(bytes), want});
+                       std::optional<CarveMatch> want = std::nullopt) {
+    cases.push_back({&carver, std::move(bytes), want});
   };
   const Bytes png = withTail(samplePng(), 100);
   // PNG: first chunk not IHDR; a chunk claiming 2 GiB.
@@ -517,57 +509,6 @@ TEST(Carvers, Mp3FrameLengths) {
       {{0xFF, 0xFB}, std::nullopt}};
   for (const auto& [header, length] : cases)
     EXPECT_EQ(mp3FrameLength(header), length) << int{header[1]} << " " << int{header.back()};
-}
-
-// Damaged copies of every sample, and each carver's own signatures followed
-// by nothing, zeros or 0xFF, fed to every carver: none may crash, and every
-// match names an extension and one of the carver's own categories.
-TEST(Carvers, EveryCarverSurvivesHostileInput) {
-  Bytes pdf = pdfBody();
-  append(pdf, "%%EOF\n");
-  const std::vector<Bytes> samples = {
-      samplePng(),
-      sampleJpeg(60, true),
-      sampleGif(),
-      sampleBmp(),
-      sampleIsoBmff("isom", {{"free", 4}, {"moov", 20}, {"mdat", 40}}),
-      sampleRiff("FORM", "AIFC", 30),
-      stripTiff(true).out,
-      sampleZip({{"a"}, {"b"}}).bytes,
-      sampleOle2(9, 1, utf16("Workbook")),
-      sampleMp3(5, 20),
-      pdf};
-  std::vector<Bytes> inputs;
-  std::mt19937 random(1234);
-  for (const Bytes& sample : samples) {
-    for (int round = 0; round < 200; ++round) {
-      Bytes damaged = sample;
-      for (int i = 0, flips = 1 + static_cast<int>(random() % 4); i < flips; ++i)
-        damaged[random() % damaged.size()] =
-            static_cast<std::uint8_t>(random() % 3 == 0 ? 0xFF : random());
-      if (round % 3 == 0) damaged.resize(random() % damaged.size());
-      inputs.push_back(damaged);
-    }
-  }
-  for (const FormatCarver* carver : CarverRegistry::all())
-    for (const Bytes& signature : carver->signatures())
-      for (const std::uint8_t fill : {std::uint8_t{0x00}, std::uint8_t{0xFF}})
-        for (const std::size_t tail : {0UL, 4096UL}) {
-          inputs.push_back(Bytes(carver->signatureOffset(), fill));
-          append(inputs.back(), withTail(signature, tail, fill));
-        }
-  int matches = 0;
-  for (const Bytes& input : inputs) {
-    for (const FormatCarver* carver : CarverRegistry::all()) {
-      const auto match = carveBytes(*carver, input);
-      if (!match) continue;
-      ++matches;
-      EXPECT_GT(match->length, 0U) << carver->id();
-      EXPECT_FALSE(match->ext.empty()) << carver->id();
-      EXPECT_TRUE(carver->categories().contains(match->category)) << carver->id();
-    }
-  }
-  EXPECT_GT(matches, 0);  // some damage leaves files intact
 }
 
 }  // namespace

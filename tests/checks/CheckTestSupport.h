@@ -14,6 +14,7 @@
 #include "checks/CheckTypes.h"
 #include "devices/SimulatedDevice.h"
 #include "devices/WriteError.h"
+#include "support/ErrorText.h"
 #include "support/FaultyDevice.h"
 
 namespace vellum::testing {
@@ -59,16 +60,6 @@ inline std::uint64_t mix(std::uint64_t z) {
 inline void putWord(Bytes& bytes, std::size_t at, std::uint64_t word) {
   for (std::size_t i = 0; i < 8; ++i)
     bytes[at + i] = static_cast<std::uint8_t>(word >> (8 * i));
-}
-
-// The text of what run() throws, or "no error".
-inline std::string errorText(const std::function<void()>& run) {
-  try {
-    run();
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-  return "no error";
 }
 
 // Arms a hook that runs act() when the counter reaches k (the read, write or

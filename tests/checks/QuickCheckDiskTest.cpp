@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -17,6 +18,8 @@
 
 namespace vellum {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 using testing::FuseDisk;
 using testing::LoopDevice;
@@ -114,16 +117,12 @@ TEST(QuickCheckOnDisks, AFullJournalDiskStopsTheCheckBeforeAnyWrite) {
   card.write(0, Bytes(64 * MiB, 0x77));
   const Bytes before = card.storage();
   const auto folder = dir.path() / "vellum-check";
-  std::string said;
-  try {
-    QuickCheck{}.run(card, CancellationFlag{}, {}, QuickCheck::JournalPlace{folder, {}});
-  } catch (const JournalError& error) {
-    said = error.description();
-  }
-  ::umount2(dir.path().c_str(), MNT_DETACH);
-  EXPECT_EQ(said, "Couldn't keep the undo journal in " + folder.string() +
+  EXPECT_THAT(
+      [&] { QuickCheck{}.run(card, CancellationFlag{}, {}, QuickCheck::JournalPlace{folder, {}}); },
+      ThrowsMessage<JournalError>("Couldn't keep the undo journal in " + folder.string() +
                       " (No space left on device), so nothing was written to the card. Free some "
-                      "space there or make the folder writable, then run the Quick Check again.");
+                      "space there or make the folder writable, then run the Quick Check again."));
+  ::umount2(dir.path().c_str(), MNT_DETACH);
   EXPECT_TRUE(card.storage() == before);
 }
 

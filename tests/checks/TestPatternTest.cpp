@@ -59,21 +59,11 @@ TEST(TestPattern, VerdictsOfBlocksAndSlices) {
     damaged[at] ^= 0x01;
     EXPECT_EQ(isIntact(pattern.verify(damaged, 7)), at >= 24 && at < 32) << "byte " << at;
   }
-
-  // verifyBlocks cuts 4096-byte slices; a short tail is corrupt.
-  Bytes buffer = pattern.blocks(50, 3);
-  buffer.resize(3 * 4096 + 100, 0);
-  std::memcpy(buffer.data() + 4096, pattern.blocks(9, 1).data(), 4096);
-  buffer[2 * 4096 + 4000] ^= 0x80;
-  EXPECT_EQ(pattern.verifyBlocks(buffer, 50),
-            (std::vector<V>{TestPattern::Intact{}, TestPattern::Aliased{9}, TestPattern::Corrupt{},
-                            TestPattern::Corrupt{}}));
 }
 
 TEST(TestPatternDeathTest, IndicesPastTheTopAreFaults) {
   EXPECT_EQ(TestPattern(kNonce).blocks(kTop, 1).size(), 4096u);
   EXPECT_DEATH(TestPattern(kNonce).blocks(kTop, 2), "");
-  EXPECT_DEATH(TestPattern(kNonce).verifyBlocks(Bytes(4097), kTop), "");
 }
 
 }  // namespace

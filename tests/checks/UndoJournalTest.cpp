@@ -13,6 +13,8 @@
 namespace vellum {
 namespace {
 
+using ::testing::ThrowsMessage;
+
 using namespace testing;
 
 const JournalCard kCard{"sdx", 0, "Test Reader", ""};
@@ -122,12 +124,11 @@ TEST(UndoJournal, AJournalThatCannotBeKeptStopsTheCheckBeforeAnyWrite) {
   SimulatedDevice card(8 * kMiB, std::nullopt, Overflow::wrap, 512);
   FaultyDevice faulty(card);
   const std::filesystem::path folder = dir.path() / "file" / "vellum-check";
-  EXPECT_EQ(errorText([&] {
+  EXPECT_THAT([&] {
               QuickCheck{}.run(faulty, {}, {}, QuickCheck::JournalPlace{folder, kCard});
-            }),
-            "Couldn't keep the undo journal in " + folder.string() +
+            }, ThrowsMessage<std::exception>("Couldn't keep the undo journal in " + folder.string() +
                 " (Not a directory), so nothing was written to the card. Free some space there "
-                "or make the folder writable, then run the Quick Check again.");
+                "or make the folder writable, then run the Quick Check again."));
   EXPECT_EQ(faulty.writes, 0);
 }
 

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -15,6 +16,9 @@
 namespace vellum {
 namespace {
 
+using ::testing::Throws;
+using ::testing::ThrowsMessage;
+
 using testing::TempDir;
 using testing::writeFile;
 using Overflow = SimulatedDevice::Overflow;
@@ -29,32 +33,19 @@ Bytes counting(std::size_t n, std::uint8_t start = 0) {
   return b;
 }
 
-template <class F>
-WriteError writeErrorOf(F&& f) {
-  try {
-    f();
-  } catch (const WriteError& error) {
-    return error;
-  }
-  ADD_FAILURE() << "no WriteError";
-  return WriteError::refused("none");
-}
-
 TEST(CheckWrite, AlignmentBeforeRange) {
   SimulatedDevice device(4096, std::nullopt, Overflow::wrap, 512);
   EXPECT_NO_THROW(device.checkWrite(4096, 0));
   EXPECT_NO_THROW(device.checkWrite(3584, 512));
-  EXPECT_EQ(writeErrorOf([&] { device.checkWrite(4096 + 512, 0); }),
-            WriteError::outOfRange(4608, 0, 4096));
-  const WriteError unaligned = writeErrorOf([&] { device.write(1, filled(512, 1)); });
-  EXPECT_EQ(unaligned, WriteError::unaligned(1, 512, 512));
-  EXPECT_EQ(unaligned.description(),
-            "Write at 1 of 512 bytes isn't aligned to the 512-byte block size.");
+  EXPECT_THAT([&] { device.checkWrite(4096 + 512, 0); },
+            Throws<WriteError>(WriteError::outOfRange(4608, 0, 4096)));
+  EXPECT_THAT([&] { device.write(1, filled(512, 1)); },
+              Throws<WriteError>(WriteError::unaligned(1, 512, 512)));
   // Both unaligned and past the end: alignment wins.
-  EXPECT_EQ(writeErrorOf([&] { device.checkWrite(8193, 100); }),
-            WriteError::unaligned(8193, 100, 512));
-  EXPECT_EQ(writeErrorOf([&] { device.checkWrite(4096, 512); }).description(),
-            "Write at 4096 of 512 bytes runs past the end of the device (4096 bytes).");
+  EXPECT_THAT([&] { device.checkWrite(8193, 100); },
+            Throws<WriteError>(WriteError::unaligned(8193, 100, 512)));
+  EXPECT_THAT([&] { device.checkWrite(4096, 512); }, ThrowsMessage<WriteError>(
+            "Write at 4096 of 512 bytes runs past the end of the device (4096 bytes)."));
 }
 
 TEST(WriteError, Descriptions) {
@@ -102,18 +93,10 @@ TEST(SimulatedDevice, BlockStraddlingStorageEndReadsZerosThenWraps) {
 TEST(SimulatedDevice, UnreadableBlockFailsAtItsOwnOffset) {
   SimulatedDevice device(8192, std::nullopt, Overflow::wrap, 512);
   device.unreadableBlocks() = {3};
-  try {
-    (void)device.read(0, 4096);
-    FAIL() << "read through an unreadable block";
-  } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::readFailed(1536, EIO));
-  }
-  try {
-    (void)device.read(1600, 10);
-    FAIL();
-  } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::readFailed(1600, EIO));
-  }
+  EXPECT_THAT([&] { (void)device.read(0, 4096); },
+              Throws<DeviceError>(DeviceError::readFailed(1536, EIO)));
+  EXPECT_THAT([&] { (void)device.read(1600, 10); },
+              Throws<DeviceError>(DeviceError::readFailed(1600, EIO)));
   EXPECT_EQ(device.read(2048, 512).size(), 512u);
   device.unreadableBlocks().clear();
   EXPECT_EQ(device.read(0, 4096).size(), 4096u);
@@ -137,14 +120,14 @@ TEST(FileDescriptorDevice, OpenImageUsesWholeBlocksOnly) {
 
 TEST(FileDescriptorDevice, OpenImageRefusals) {
   TempDir dir;
-  EXPECT_EQ(writeErrorOf([&] { FileDescriptorDevice::openImage(dir.file("none"), 512); }),
-            WriteError::cannotOpen(dir.file("none"), ENOENT));
+  EXPECT_THAT([&] { FileDescriptorDevice::openImage(dir.file("none"), 512); },
+            Throws<WriteError>(WriteError::cannotOpen(dir.file("none"), ENOENT)));
   std::filesystem::create_directory(dir.file("folder"));
   // Opening a directory read-write fails in open() itself.
-  EXPECT_EQ(writeErrorOf([&] { FileDescriptorDevice::openImage(dir.file("folder"), 512); }),
-            WriteError::cannotOpen(dir.file("folder"), EISDIR));
-  EXPECT_EQ(writeErrorOf([&] { FileDescriptorDevice::openImage("/dev/null", 512); }),
-            WriteError::refused("/dev/null is not a regular disk image file."));
+  EXPECT_THAT([&] { FileDescriptorDevice::openImage(dir.file("folder"), 512); },
+            Throws<WriteError>(WriteError::cannotOpen(dir.file("folder"), EISDIR)));
+  EXPECT_THAT([&] { FileDescriptorDevice::openImage("/dev/null", 512); },
+            Throws<WriteError>(WriteError::refused("/dev/null is not a regular disk image file.")));
 }
 
 // Writes and reads of every shape reach the file, whether the descriptor is
@@ -178,8 +161,8 @@ TEST(FileDescriptorDevice, WriteOutOfRangeIsRefusedBeforeTouchingTheFile) {
   TempDir dir;
   writeFile(dir.file("card.img"), std::string(4096, '\0'));
   const auto device = FileDescriptorDevice::openImage(dir.file("card.img"), 512);
-  EXPECT_EQ(writeErrorOf([&] { device->write(4096, filled(512, 1)); }),
-            WriteError::outOfRange(4096, 512, 4096));
+  EXPECT_THAT([&] { device->write(4096, filled(512, 1)); },
+            Throws<WriteError>(WriteError::outOfRange(4096, 512, 4096)));
   EXPECT_EQ(std::filesystem::file_size(dir.file("card.img")), 4096u);
 }
 

@@ -19,6 +19,9 @@ TEST(ExternalDisk, CardWordsAreWholeWords) {
       {"Sony SxS", true},
       {"USB3.0 CRW-SD", true},
       {"Ultra Fit", false},
+      {"SD card SL16G", true},
+      {"MMC DG4016", true},
+      {"Generic STORAGE DEVICE", false},
   };
   for (const auto& [media, card] : cases) {
     ExternalDisk disk{"sdb", media, 1, {}};

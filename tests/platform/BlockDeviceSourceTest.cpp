@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,6 +20,10 @@
 
 namespace vellum {
 namespace {
+
+using ::testing::Throws;
+
+using ::testing::ThrowsMessage;
 
 using testing::FuseDisk;
 using testing::LoopDevice;
@@ -59,8 +64,7 @@ TEST(BlockDeviceSource, RegularFileCountsAsDeviceOf512ByteSectors) {
   EXPECT_EQ(source.badReads(), 0);
 
   testing::writeFile(empty, "");
-  EXPECT_EQ(testing::errorText<DeviceError>([&] { openSource(empty); }),
-            empty + " is not a readable file or device.");
+  EXPECT_THAT([&] { openSource(empty); }, ThrowsMessage<DeviceError>(empty + " is not a readable file or device."));
 }
 
 TEST(BlockDeviceSource, OpenedAsRawSourceReadsAnyRangeOfA4096ByteSectorDisk) {
@@ -153,19 +157,11 @@ TEST(FuseDisk, BehavesLikeACounterfeitCardThatWrapsOrDropsWritesAndFailsChosenSe
   }
 
   const FuseCard card({.size = 8 * kMiB, .unreadable = {{100, 101}}, .unwritable = {{200, 200}}});
-  try {
-    card.device->read(96 * 512, 8 * 512);
-    ADD_FAILURE() << "read an unreadable sector";
-  } catch (const DeviceError& error) {
-    EXPECT_EQ(error, DeviceError::readFailed(100 * 512, EIO));  // the failing sector
-  }
+  EXPECT_THAT([&] { card.device->read(96 * 512, 8 * 512); },  // fails at the failing sector
+              Throws<DeviceError>(DeviceError::readFailed(100 * 512, EIO)));
   EXPECT_EQ(card.device->read(102 * 512, 512), Bytes(512, 0));  // neighbours read fine
-  try {
-    card.device->write(200 * 512, Bytes(512, 1));
-    ADD_FAILURE() << "wrote an unwritable sector";
-  } catch (const WriteError& error) {
-    EXPECT_EQ(error, WriteError::writeFailed(200 * 512, EIO));
-  }
+  EXPECT_THAT([&] { card.device->write(200 * 512, Bytes(512, 1)); },
+              Throws<WriteError>(WriteError::writeFailed(200 * 512, EIO)));
   card.device->write(201 * 512, Bytes(512, 1));
 }
 

@@ -221,7 +221,7 @@ DiskFacts withTraits(const std::string& traits) {
   return f;
 }
 
-TEST(DiskEnumerator, CardLikeRulesInOrderAndCardWordsAreWholeWords) {
+TEST(DiskEnumerator, CardLikeRulesInOrder) {
   const std::tuple<const char*, bool, bool> cases[] = {
       {"image virtual system", true, true},  // images allowed
       {"image external", false, false},
@@ -237,19 +237,6 @@ TEST(DiskEnumerator, CardLikeRulesInOrderAndCardWordsAreWholeWords) {
   for (const auto& [traits, allowImages, expected] : cases)
     EXPECT_EQ(DiskEnumerator::isMemoryCardLike(withTraits(traits), allowImages), expected)
         << traits;
-
-  for (const auto& [mediaName, expected] : {std::pair{"Built In SDXC Reader", true},
-                                            {"Generic Flash Disk", false},
-                                            {"SDcard", false},
-                                            {"Card-Reader", true},
-                                            {"SD card SL16G", true},
-                                            {"MMC DG4016", true},
-                                            {"Lexar CFexpress", true},
-                                            {"Generic STORAGE DEVICE", false},
-                                            {"", false},
-                                            {"microSD", true}}) {
-    EXPECT_EQ((ExternalDisk{"sdb", mediaName, 1, {}}.isMemoryCard()), expected) << mediaName;
-  }
 }
 
 }  // namespace

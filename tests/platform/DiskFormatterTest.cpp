@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
@@ -16,6 +17,8 @@
 
 namespace vellum {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 constexpr std::uint64_t kMiB = 1 << 20;
 constexpr std::uint64_t kGiB = 1 << 30;
@@ -233,15 +236,9 @@ TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
   if (!findProgram("sfdisk")) GTEST_SKIP() << "needs sfdisk";
   // 3 MiB cannot hold a partition starting at 4 MiB: sfdisk says why.
   const testing::ImageDisk tiny(3 * kMiB);
-  try {
-    DiskFormatter::format(tiny.inspect(), FileSystem::fat32, "x");
-    FAIL() << "formatted 3 MiB";
-  } catch (const WriteError& error) {
-    ASSERT_TRUE(error.is<WriteError::Refused>());
-    EXPECT_EQ(error.description(),
-              "Formatting failed: Start sector 8192 out of range.\n"
-              "Failed to add #1 partition: Numerical result out of range");
-  }
+  EXPECT_THAT([&] { DiskFormatter::format(tiny.inspect(), FileSystem::fat32, "x"); },
+              ThrowsMessage<WriteError>("Formatting failed: Start sector 8192 out of range.\n"
+                                        "Failed to add #1 partition: Numerical result out of range"));
 
   // A card swapped after selection: the guard's message, and the disk keeps
   // what it had (no tool ran).
@@ -249,10 +246,8 @@ TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
   testing::writeFile(card.image, std::string(8 * kMiB, 'K'));
   DiskIdentity identity = card.inspect();
   identity.mediaName = "Another Card";
-  EXPECT_EQ(testing::errorText<WriteError>(
-                [&] { DiskFormatter::format(identity, FileSystem::exfat, "x"); }),
-            "The disk at " + card.loop.name() +
-                " changed since you selected it. Nothing was written. Select the card again.");
+  EXPECT_THAT([&] { DiskFormatter::format(identity, FileSystem::exfat, "x"); }, ThrowsMessage<WriteError>("The disk at " + card.loop.name() +
+                " changed since you selected it. Nothing was written. Select the card again."));
   EXPECT_EQ(FileSource(card.image).read(0, 8 * kMiB), Bytes(8 * kMiB, 'K'));
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "FakeSystem.h"
+#include "support/ErrorText.h"
 
 namespace vellum::testing {
 
@@ -12,17 +13,6 @@ namespace vellum::testing {
 // with a card, an eMMC with boot partitions, a two-slot USB card reader (one
 // slot empty), a USB stick, a USB SSD, a loop device and a zram swap.
 void buildLaptop(FakeSystem& fake);
-
-// The description of the error of type E that action throws, or "" if none.
-template <typename E, typename F>
-std::string errorText(F&& action) {
-  try {
-    action();
-  } catch (const E& error) {
-    return error.description();
-  }
-  return "";
-}
 
 // Sets (or, with no value, unsets) an environment variable for one scope.
 class ScopedEnv {

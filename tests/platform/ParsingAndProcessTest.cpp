@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -7,6 +8,8 @@
 
 namespace vellum {
 namespace {
+
+using ::testing::ThrowsMessage;
 
 TEST(MountTable, ParsesMountInfoSwapsAndDeviceNumbersSkippingBrokenLines) {
   const std::vector<MountEntry> entries = parseMountInfo(
@@ -81,13 +84,9 @@ TEST(Process, RunsWithoutAShellCapturingBothStreamsTheExitAndTheEnvironment) {
 }
 
 TEST(Process, MissingProgramsAndUnwaitedChildren) {
-  try {
-    runProcess({"vellum-no-such-tool"});
-    ADD_FAILURE() << "expected ProcessError";
-  } catch (const ProcessError& error) {
-    EXPECT_EQ(error, ProcessError::cannotStart("vellum-no-such-tool", ENOENT));
-    EXPECT_EQ(error.description(), "Couldn't start vellum-no-such-tool: No such file or directory");
-  }
+  EXPECT_THAT([] { runProcess({"vellum-no-such-tool"}); },
+              ThrowsMessage<ProcessError>(
+                  "Couldn't start vellum-no-such-tool: No such file or directory"));
   EXPECT_THROW(runProcess({"/nonexistent/tool"}), ProcessError);
   EXPECT_EQ(findProgram("vellum-no-such-tool"), std::nullopt);
 

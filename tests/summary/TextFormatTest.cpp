@@ -36,20 +36,5 @@ TEST(TextFormatTest, DurationsSpeedsAndSizes) {
   EXPECT_EQ(sizeText(512), "512 bytes");
 }
 
-TEST(CheckActionTest, RawValuesTitlesAndErasure) {
-  const char* rows[] = {"quick|Quick Check|keeps", "full|Full Test|erases",
-                        "health|Health Scan|keeps", "wipe|Wipe|erases", "format|Format|erases"};
-  ASSERT_EQ(std::size(rows), kAllCheckActions.size());
-  for (std::size_t i = 0; i < kAllCheckActions.size(); ++i) {
-    const CheckAction action = kAllCheckActions[i];
-    EXPECT_EQ(std::string(rawValue(action)) + "|" + std::string(title(action)) + "|" +
-                  (erases(action) ? "erases" : "keeps"),
-              rows[i]);
-    EXPECT_EQ(checkActionFromRawValue(rawValue(action)), action);
-  }
-  EXPECT_EQ(checkActionFromRawValue("Quick"), std::nullopt);
-  EXPECT_EQ(checkActionFromRawValue(""), std::nullopt);
-}
-
 }  // namespace
 }  // namespace vellum

@@ -6,14 +6,15 @@
 
 namespace vellum::testing {
 
+// The project's process runner, shaped for assertions.
 struct ProcessResult {
   int exitCode = -1;  // 128 + signal when killed by a signal
   std::string out;
   std::string err;
 };
 
-// Runs a program with stdin from /dev/null (or the given text) and captures
-// stdout and stderr separately.
+// Runs a program with the given text on its standard input; extraEnvironment
+// holds "NAME=value" entries.
 ProcessResult runProcess(const std::vector<std::string>& argv, const std::string& input = {},
                          const std::vector<std::string>& extraEnvironment = {});
 

@@ -1,7 +1,6 @@
-// libFuzzer entry: the first byte picks a carver of the registry, the rest is
-// the candidate file. Configure with CXX=clang++ and -DVELLUM_FUZZ=ON, then run
-//   carve_fuzzer -max_len=65536 corpus/
-// A carver must return without crashing, hanging or reading without bound.
+// Every carver on arbitrary bytes: the first byte picks a carver of the
+// registry, the rest is the candidate file. A carver must return without
+// crashing, hanging or reading without bound.
 #include <cstddef>
 #include <cstdint>
 #include <span>
