@@ -387,19 +387,19 @@ std::vector<std::uint64_t> gapPoints(const Verdicts& verdicts, std::int64_t coun
 
 // Reads from the start in 4 MiB pieces; a piece that cannot be read is
 // skipped, and the speed is that of the pieces that were read.
-double readSample(ByteSource& device, std::int64_t sampleBytes, const CancellationFlag& cancel,
-                  const ProgressCallback& progress) {
+double readSample(ByteSource& device, std::int64_t sampleBytes, const SecondsClock& clock,
+                  const CancellationFlag& cancel, const ProgressCallback& progress) {
   const std::uint64_t limit =
       std::min(device.size() / kSampleReadBytes * kSampleReadBytes, toUnsigned(sampleBytes));
   if (limit == 0) return 0;
   AlignedBuffer buffer(kSampleReadBytes);
-  const double start = monotonicSeconds();
+  const double start = secondsNow(clock);
   double failedSeconds = 0;
   std::uint64_t offset = 0;
   std::uint64_t readBytes = 0;
   while (offset < limit) {
     cancel.throwIfCancelled();
-    const double before = monotonicSeconds();
+    const double before = secondsNow(clock);
     std::size_t n = 0;
     try {
       n = device.readInto(offset, buffer.span());
@@ -407,17 +407,17 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const Cancellati
       readBytes += std::min<std::uint64_t>(n, limit - offset);
     } catch (const DeviceError& error) {
       if (!error.isMediumFailure()) throw;  // the card is gone
-      failedSeconds += monotonicSeconds() - before;
+      failedSeconds += secondsNow(clock) - before;
       n = kSampleReadBytes;
     }
     offset += n;
     if (progress) {
-      const double elapsed = std::max(monotonicSeconds() - start - failedSeconds, 0.001);
+      const double elapsed = std::max(secondsNow(clock) - start - failedSeconds, 0.001);
       progress(CheckProgress{CheckProgress::Phase::reading, std::min(offset, limit), limit,
                              static_cast<double>(readBytes) / elapsed});
     }
   }
-  const double elapsed = monotonicSeconds() - start - failedSeconds;
+  const double elapsed = secondsNow(clock) - start - failedSeconds;
   return elapsed > 0 ? static_cast<double>(readBytes) / elapsed / 1e6 : 0;
 }
 
@@ -426,7 +426,7 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const Cancellati
 QuickCheck::Result QuickCheck::run(BlockDevice& device, const CancellationFlag& cancel,
                                    const ProgressCallback& progress,
                                    const std::optional<JournalPlace>& journalPlace) const {
-  const double start = monotonicSeconds();
+  const double start = secondsNow(clock);
   const std::uint64_t unit =
       std::max<std::uint64_t>(toUnsigned(device.blockSize()), TestPattern::blockSize);
   const std::uint64_t units = device.size() / unit;
@@ -464,7 +464,7 @@ QuickCheck::Result QuickCheck::run(BlockDevice& device, const CancellationFlag& 
   if (journal) journal->remove();
 
   Result result;
-  result.readMBps = readSample(device, readSampleBytes, cancel, progress);
+  result.readMBps = readSample(device, readSampleBytes, clock, cancel, progress);
   for (const auto& [index, verdict] : verdicts) {
     if (isIntact(verdict)) {
       ++result.pointsIntact;
@@ -490,7 +490,7 @@ QuickCheck::Result QuickCheck::run(BlockDevice& device, const CancellationFlag& 
     result.verifiedBytes = units * unit;
   }
   result.claimedBytes = device.size();
-  result.duration = monotonicSeconds() - start;
+  result.duration = secondsNow(clock) - start;
   return result;
 }
 

@@ -22,6 +22,8 @@ struct QuickCheck {
   // Rewritten between writing and reading back the test blocks of each round,
   // to push them out of a write cache of up to 64 MiB.
   std::int64_t cacheFlushBytes = 80 * 1'048'576;
+  // Times the read sample and the run; empty means the monotonic clock.
+  SecondsClock clock;
 
   // Where the undo journal of a real card goes.
   struct JournalPlace {

@@ -64,8 +64,9 @@ TEST(ByteSource, Descriptions) {
 TEST(FileSource, OpenFailuresNameThePath) {
   TempDir dir;
   const std::string missing = dir.file("missing.img");
-  EXPECT_THAT([&] { FileSource source(missing); },
-              ThrowsMessage<DeviceError>("Could not open " + missing + ": No such file or directory"));
+  EXPECT_THAT(
+      [&] { FileSource source(missing); },
+      ThrowsMessage<DeviceError>("Could not open " + missing + ": No such file or directory"));
 }
 
 TEST(FileSource, FileThatShrinksReadsShort) {

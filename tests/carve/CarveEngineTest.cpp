@@ -42,7 +42,8 @@ TEST(CarveEngineTest, Refusals) {
   TempDir temp;
   MemorySource empty(Bytes{});
   CarveEngine none(empty, carveConfig(temp.path() / "out", Mode::files));
-  EXPECT_THAT([&] { none.run(); }, ThrowsMessage<CarveError>("The selected source reports a size of zero bytes."));
+  EXPECT_THAT([&] { none.run(); },
+              ThrowsMessage<CarveError>("The selected source reports a size of zero bytes."));
   EXPECT_FALSE(fs::exists(temp.path() / "out"));  // before touching the folder
 
   MemorySource source(filler(4096));
@@ -56,7 +57,8 @@ TEST(CarveEngineTest, Refusals) {
     if (offset == 131072) throw DeviceError::readFailed(offset, 5);
   };
   CarveEngine broken(failing, carveConfig(temp.path()));
-  EXPECT_THAT([&] { broken.run(); }, ThrowsMessage<DeviceError>(DeviceError::readFailed(131072, 5).description()));
+  EXPECT_THAT([&] { broken.run(); },
+              ThrowsMessage<DeviceError>(DeviceError::readFailed(131072, 5).description()));
 
   // Root writes into read-only folders, but not into /proc.
   const fs::path locked = geteuid() == 0 ? fs::path("/proc/self") : temp.path() / "locked";
@@ -65,7 +67,8 @@ TEST(CarveEngineTest, Refusals) {
     fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
   }
   CarveEngine engine(source, carveConfig(locked));
-  EXPECT_THAT([&] { engine.run(); }, ThrowsMessage<CarveError>("Cannot write to output folder " + locked.string() + "."));
+  EXPECT_THAT([&] { engine.run(); },
+              ThrowsMessage<CarveError>("Cannot write to output folder " + locked.string() + "."));
   if (geteuid() != 0) fs::permissions(locked, fs::perms::owner_all);
 }
 

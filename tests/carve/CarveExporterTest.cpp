@@ -63,8 +63,9 @@ TEST_F(CarveExporterTest, CopiesCheckedFilesAndListsThem) {
   EXPECT_EQ(result.saved[1].outputPath, (folder / "BIN" / "f2056.bin").string());  // unchecked
   EXPECT_EQ(readBytes(*result.saved[1].outputPath), big);
   EXPECT_EQ(progress, (std::vector<std::pair<std::size_t, std::size_t>>{{0, 2}, {1, 2}}));
-  EXPECT_EQ(nlohmann::json::parse(readText(folder / "vellum-report.json")).get<std::vector<CarvedFile>>(),
-            result.saved);
+  EXPECT_EQ(
+      nlohmann::json::parse(readText(folder / "vellum-report.json")).get<std::vector<CarvedFile>>(),
+      result.saved);
 
   writeFile(temp.file("plain"), "x");
   EXPECT_THROW(run({}, source, temp.path() / "plain" / "sub"), fs::filesystem_error);

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-
 #include "CarveSamples.h"
 #include "CarverTesting.h"
 #include "carve/CarverRegistry.h"

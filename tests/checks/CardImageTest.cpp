@@ -56,15 +56,20 @@ TEST(CardImage, RefusesDevicesAndExistingFilesAndNeverLeavesAPartialImage) {
   CardImage image;
   image.chunkBytes = 4096;
   writeFile(path, "earlier backup");
-  EXPECT_THAT([&] { image.save(source, path, CancellationFlag{}); }, ThrowsMessage<std::exception>(path + " already exists. Choose another name; nothing was replaced."));
+  EXPECT_THAT([&] { image.save(source, path, CancellationFlag{}); },
+              ThrowsMessage<std::exception>(
+                  path + " already exists. Choose another name; nothing was replaced."));
   // Stopped or failing, even a replacing backup leaves the earlier one alone.
   image.replaceExisting = true;
   CancellationFlag flag;
   const auto stop = [&flag](const CheckProgress&) { flag.cancel(); };
-  EXPECT_THAT([&] { image.save(source, path, flag, stop); }, ThrowsMessage<std::exception>(kStopped));
+  EXPECT_THAT([&] { image.save(source, path, flag, stop); },
+              ThrowsMessage<std::exception>(kStopped));
   SimulatedDevice failing(3 * 4096, std::nullopt, Overflow::wrap, 512);
   failing.unreadableBlocks().insert(8 * 2 + 1);
-  EXPECT_THAT([&] { image.save(failing, path, CancellationFlag{}); }, ThrowsMessage<std::exception>(DeviceError::readFailed(2 * 4096 + 512, EIO).description()));
+  EXPECT_THAT(
+      [&] { image.save(failing, path, CancellationFlag{}); },
+      ThrowsMessage<std::exception>(DeviceError::readFailed(2 * 4096 + 512, EIO).description()));
   EXPECT_EQ(contents(path), "earlier backup");
   image.save(source, path, CancellationFlag{});
   EXPECT_EQ(contents(path).size(), 3u * 4096);
@@ -74,15 +79,18 @@ TEST(CardImage, RefusesDevicesAndExistingFilesAndNeverLeavesAPartialImage) {
   for (const std::string& refused :
        {std::string("/dev/full"), std::string("/dev/shm/card.img"), dir.file("to-null"),
         dir.file("dangling"), dir.path().string()}) {
-    EXPECT_THAT([&] { image.save(source, refused, CancellationFlag{}); }, ThrowsMessage<std::exception>(ImageError::notARegularFile(refused).description()));
+    EXPECT_THAT([&] { image.save(source, refused, CancellationFlag{}); },
+                ThrowsMessage<std::exception>(ImageError::notARegularFile(refused).description()));
   }
   EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), {}), 3) << "no partial left";
 
   SimulatedDevice small(3 * 4096, std::nullopt, Overflow::wrap, 512);
   FaultyDevice smallFaulty(small);
   const std::string missing = dir.file("missing") + "/card.img";
-  EXPECT_THAT([&] { CardImage{}.save(smallFaulty, missing, CancellationFlag{}); }, ThrowsMessage<std::exception>("Couldn't create the backup image " + missing +
-                ": No such file or directory. Choose a folder you can write to."));
+  EXPECT_THAT([&] { CardImage{}.save(smallFaulty, missing, CancellationFlag{}); },
+              ThrowsMessage<std::exception>(
+                  "Couldn't create the backup image " + missing +
+                  ": No such file or directory. Choose a folder you can write to."));
   EXPECT_EQ(smallFaulty.reads, 0) << "fails before reading";
 
   // A disk that fills up keeps no partial image, and the message says so.
@@ -92,7 +100,8 @@ TEST(CardImage, RefusesDevicesAndExistingFilesAndNeverLeavesAPartialImage) {
   ASSERT_EQ(::mount("tmpfs", full.c_str(), "tmpfs", 0, "size=64k"), 0);
   MemorySource big(noise(1 << 20, 4));
   EXPECT_THAT([&] { image.save(big, full + "/card.img", CancellationFlag{}); },
-              ThrowsMessage<std::exception>(::testing::HasSubstr("No space left on device. The partial image was removed.")));
+              ThrowsMessage<std::exception>(
+                  ::testing::HasSubstr("No space left on device. The partial image was removed.")));
   EXPECT_TRUE(fs::is_empty(full));
   ::umount2(full.c_str(), MNT_DETACH);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -46,20 +47,6 @@ inline Bytes fillWithNoise(SimulatedDevice& device, std::uint32_t seed = 1) {
 inline Bytes part(const Bytes& bytes, std::uint64_t offset, std::uint64_t count) {
   const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(offset);
   return Bytes(start, start + static_cast<std::ptrdiff_t>(count));
-}
-
-// The SplitMix64 finaliser, word k of a stream from state s being mix(s + (k + 1) * gamma).
-constexpr std::uint64_t kGamma = 0x9E37'79B9'7F4A'7C15;
-inline std::uint64_t mix(std::uint64_t z) {
-  z = (z ^ (z >> 30)) * 0xBF58'476D'1CE4'E5B9;
-  z = (z ^ (z >> 27)) * 0x94D0'49BB'1331'11EB;
-  return z ^ (z >> 31);
-}
-
-// Writes a word little-endian, one byte at a time.
-inline void putWord(Bytes& bytes, std::size_t at, std::uint64_t word) {
-  for (std::size_t i = 0; i < 8; ++i)
-    bytes[at + i] = static_cast<std::uint8_t>(word >> (8 * i));
 }
 
 // Arms a hook that runs act() when the counter reaches k (the read, write or

@@ -14,17 +14,28 @@ const FullTest kSmallChunks{.chunkBytes = kChunk, .clock = {}};
 TEST(FullTest, GenuineCardGetsTheClassOfItsSustainedWriteSpeed) {
   SimulatedDevice card(4 * kMiB, std::nullopt, Overflow::wrap, 512);
   FaultyDevice faulty(card);
-  double now = 1000;  // a clock that moves only with the transfers
-  faulty.beforeWrite = [&](std::uint64_t, std::size_t n) { now += double(n) / 12e6; };
+  // A clock that moves only with the transfers. Chunk i is written at
+  // 5 + i/4 MB/s, so the 64 write samples are all different: the sustained
+  // speed is the 10th percentile, sample 6 of 0..63 in order (6.5 MB/s),
+  // which makes the card Class 6; the minimum is 5 and the average 12.875.
+  double now = 1000;
+  double written = 0;
+  faulty.beforeWrite = [&](std::uint64_t offset, std::size_t n) {
+    const double seconds = double(n) / ((5 + double(offset / kChunk) / 4) * 1e6);
+    now += seconds;
+    written += seconds;
+  };
   faulty.beforeRead = [&](std::uint64_t, std::size_t n) { now += double(n) / 50e6; };
   const FullTest test{.chunkBytes = kChunk, .clock = [&now] { return now; }};
   std::vector<CheckProgress> log;
   const auto r = test.run(faulty, {}, [&log](const CheckProgress& p) { log.push_back(p); });
   EXPECT_EQ(std::tuple(r.verdict, r.goodBlocks, r.usableBytes, r.holdsBytes, r.speedClass),
-            std::tuple(Verdict::genuine, 1024, 4 * kMiB, 4 * kMiB, SpeedClass::class10));
-  EXPECT_NEAR(r.write.sustainedMBps, 12, 1e-6);
+            std::tuple(Verdict::genuine, 1024, 4 * kMiB, 4 * kMiB, SpeedClass::class6));
+  EXPECT_NEAR(r.write.sustainedMBps, 6.5, 1e-6);
+  EXPECT_NEAR(r.write.minimumMBps, 5, 1e-6);
+  EXPECT_NEAR(r.write.averageMBps, 12.875, 1e-6);
   EXPECT_NEAR(r.read.averageMBps, 50, 1e-6);
-  EXPECT_NEAR(r.duration, 4.0 * kMiB / 12e6 + 4.0 * kMiB / 50e6, 1e-9);
+  EXPECT_NEAR(r.duration, written + 4.0 * kMiB / 50e6, 1e-9);
   ASSERT_EQ(log.size(), 128u);  // every chunk written, then every chunk verified
   EXPECT_EQ(
       std::tuple(log[63].phase, log[63].completed, log[64].phase, log[64].completed),

@@ -112,7 +112,8 @@ TEST(HealthScan, EmptySourceIsHealthyAndCancellationStopsAtTheNextChunk) {
   FaultyDevice faulty(device);
   CancellationFlag flag;
   Step{Act::cancel, kReads, 3}.arm(faulty, flag);
-  EXPECT_THAT([&] { kSmallChunks.run(faulty, 512, flag); }, ThrowsMessage<std::exception>(kStopped));
+  EXPECT_THAT([&] { kSmallChunks.run(faulty, 512, flag); },
+              ThrowsMessage<std::exception>(kStopped));
   EXPECT_EQ(faulty.reads, 3);
 }
 

@@ -99,7 +99,8 @@ TEST(QuickCheckOnDisks, AWriteCacheDoesNotHideAFake) {
     EXPECT_LE(r.verifiedBytes, real) << claimed;
     EXPECT_GE(r.verifiedBytes, real - real / 1000) << claimed;
     if (overflow == Overflow::wrap) {
-      EXPECT_EQ(quickCheck(fake, QuickCheck{.cacheFlushBytes = 0}, true).verdict, Verdict::genuine)
+      EXPECT_EQ(quickCheck(fake, QuickCheck{.cacheFlushBytes = 0, .clock = {}}, true).verdict,
+                Verdict::genuine)
           << "the cache did not fool the check without its flush";
     }
   }
@@ -118,10 +119,13 @@ TEST(QuickCheckOnDisks, AFullJournalDiskStopsTheCheckBeforeAnyWrite) {
   const Bytes before = card.storage();
   const auto folder = dir.path() / "vellum-check";
   EXPECT_THAT(
-      [&] { QuickCheck{}.run(card, CancellationFlag{}, {}, QuickCheck::JournalPlace{folder, {}}); },
-      ThrowsMessage<JournalError>("Couldn't keep the undo journal in " + folder.string() +
-                      " (No space left on device), so nothing was written to the card. Free some "
-                      "space there or make the folder writable, then run the Quick Check again."));
+      [&] {
+        QuickCheck{}.run(card, CancellationFlag{}, {}, QuickCheck::JournalPlace{folder, {}});
+      },
+      ThrowsMessage<JournalError>(
+          "Couldn't keep the undo journal in " + folder.string() +
+          " (No space left on device), so nothing was written to the card. Free some "
+          "space there or make the folder writable, then run the Quick Check again."));
   ::umount2(dir.path().c_str(), MNT_DETACH);
   EXPECT_TRUE(card.storage() == before);
 }

@@ -124,11 +124,14 @@ TEST(UndoJournal, AJournalThatCannotBeKeptStopsTheCheckBeforeAnyWrite) {
   SimulatedDevice card(8 * kMiB, std::nullopt, Overflow::wrap, 512);
   FaultyDevice faulty(card);
   const std::filesystem::path folder = dir.path() / "file" / "vellum-check";
-  EXPECT_THAT([&] {
-              QuickCheck{}.run(faulty, {}, {}, QuickCheck::JournalPlace{folder, kCard});
-            }, ThrowsMessage<std::exception>("Couldn't keep the undo journal in " + folder.string() +
-                " (Not a directory), so nothing was written to the card. Free some space there "
-                "or make the folder writable, then run the Quick Check again."));
+  EXPECT_THAT(
+      [&] {
+        QuickCheck{}.run(faulty, {}, {}, QuickCheck::JournalPlace{folder, kCard});
+      },
+      ThrowsMessage<std::exception>(
+          "Couldn't keep the undo journal in " + folder.string() +
+          " (Not a directory), so nothing was written to the card. Free some space there "
+          "or make the folder writable, then run the Quick Check again."));
   EXPECT_EQ(faulty.writes, 0);
 }
 

@@ -38,14 +38,15 @@ TEST(CheckWrite, AlignmentBeforeRange) {
   EXPECT_NO_THROW(device.checkWrite(4096, 0));
   EXPECT_NO_THROW(device.checkWrite(3584, 512));
   EXPECT_THAT([&] { device.checkWrite(4096 + 512, 0); },
-            Throws<WriteError>(WriteError::outOfRange(4608, 0, 4096)));
+              Throws<WriteError>(WriteError::outOfRange(4608, 0, 4096)));
   EXPECT_THAT([&] { device.write(1, filled(512, 1)); },
               Throws<WriteError>(WriteError::unaligned(1, 512, 512)));
   // Both unaligned and past the end: alignment wins.
   EXPECT_THAT([&] { device.checkWrite(8193, 100); },
-            Throws<WriteError>(WriteError::unaligned(8193, 100, 512)));
-  EXPECT_THAT([&] { device.checkWrite(4096, 512); }, ThrowsMessage<WriteError>(
-            "Write at 4096 of 512 bytes runs past the end of the device (4096 bytes)."));
+              Throws<WriteError>(WriteError::unaligned(8193, 100, 512)));
+  EXPECT_THAT([&] { device.checkWrite(4096, 512); },
+              ThrowsMessage<WriteError>(
+                  "Write at 4096 of 512 bytes runs past the end of the device (4096 bytes)."));
 }
 
 TEST(WriteError, Descriptions) {
@@ -121,13 +122,14 @@ TEST(FileDescriptorDevice, OpenImageUsesWholeBlocksOnly) {
 TEST(FileDescriptorDevice, OpenImageRefusals) {
   TempDir dir;
   EXPECT_THAT([&] { FileDescriptorDevice::openImage(dir.file("none"), 512); },
-            Throws<WriteError>(WriteError::cannotOpen(dir.file("none"), ENOENT)));
+              Throws<WriteError>(WriteError::cannotOpen(dir.file("none"), ENOENT)));
   std::filesystem::create_directory(dir.file("folder"));
   // Opening a directory read-write fails in open() itself.
   EXPECT_THAT([&] { FileDescriptorDevice::openImage(dir.file("folder"), 512); },
-            Throws<WriteError>(WriteError::cannotOpen(dir.file("folder"), EISDIR)));
-  EXPECT_THAT([&] { FileDescriptorDevice::openImage("/dev/null", 512); },
-            Throws<WriteError>(WriteError::refused("/dev/null is not a regular disk image file.")));
+              Throws<WriteError>(WriteError::cannotOpen(dir.file("folder"), EISDIR)));
+  EXPECT_THAT(
+      [&] { FileDescriptorDevice::openImage("/dev/null", 512); },
+      Throws<WriteError>(WriteError::refused("/dev/null is not a regular disk image file.")));
 }
 
 // Writes and reads of every shape reach the file, whether the descriptor is
@@ -162,7 +164,7 @@ TEST(FileDescriptorDevice, WriteOutOfRangeIsRefusedBeforeTouchingTheFile) {
   writeFile(dir.file("card.img"), std::string(4096, '\0'));
   const auto device = FileDescriptorDevice::openImage(dir.file("card.img"), 512);
   EXPECT_THAT([&] { device->write(4096, filled(512, 1)); },
-            Throws<WriteError>(WriteError::outOfRange(4096, 512, 4096)));
+              Throws<WriteError>(WriteError::outOfRange(4096, 512, 4096)));
   EXPECT_EQ(std::filesystem::file_size(dir.file("card.img")), 4096u);
 }
 

@@ -3,9 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <string_view>
-
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "carve/CarveTypes.h"
 

@@ -64,7 +64,8 @@ TEST(BlockDeviceSource, RegularFileCountsAsDeviceOf512ByteSectors) {
   EXPECT_EQ(source.badReads(), 0);
 
   testing::writeFile(empty, "");
-  EXPECT_THAT([&] { openSource(empty); }, ThrowsMessage<DeviceError>(empty + " is not a readable file or device."));
+  EXPECT_THAT([&] { openSource(empty); },
+              ThrowsMessage<DeviceError>(empty + " is not a readable file or device."));
 }
 
 TEST(BlockDeviceSource, OpenedAsRawSourceReadsAnyRangeOfA4096ByteSectorDisk) {

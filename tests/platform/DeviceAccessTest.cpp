@@ -1,6 +1,6 @@
 #include <fcntl.h>
-#include <grp.h>
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/mount.h>
@@ -211,9 +211,12 @@ TEST(SourceOpener, OpensFilesAndRefusesWhatIsNeitherFileNorDevice) {
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   // A character device without a size is not something to read.
   for (const std::string& path : {dir.path().string(), fifo, std::string("/dev/null")}) {
-    EXPECT_THAT([&] { SourceOpener::open(path); }, ThrowsMessage<DeviceError>(path + " is not a readable file or device."));
+    EXPECT_THAT([&] { SourceOpener::open(path); },
+                ThrowsMessage<DeviceError>(path + " is not a readable file or device."));
   }
-  EXPECT_THAT([&] { SourceOpener::open(dir.file("missing")); }, ThrowsMessage<DeviceError>("Could not open " + dir.file("missing") + ": No such file or directory"));
+  EXPECT_THAT([&] { SourceOpener::open(dir.file("missing")); },
+              ThrowsMessage<DeviceError>("Could not open " + dir.file("missing") +
+                                         ": No such file or directory"));
 }
 
 TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughTheHelper) {
@@ -233,9 +236,13 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
   EXPECT_EQ(device->read(8192, 4096), block);
   EXPECT_EQ(FileSource(disk.image).read(8192, 4096), block);
   // While one writer holds the disk, a second one is told it is in use.
-  EXPECT_THAT([&] { DeviceWriteAccess::open(identity); }, ThrowsMessage<WriteError>(identity.deviceIdentifier + " is still in use. Close any apps using the card and try again."));
+  EXPECT_THAT(
+      [&] { DeviceWriteAccess::open(identity); },
+      ThrowsMessage<WriteError>(identity.deviceIdentifier +
+                                " is still in use. Close any apps using the card and try again."));
   // Nor can it be read meanwhile: a copy would hold the writer's test blocks.
-  EXPECT_THAT([&] { SourceOpener::open(path); }, ThrowsMessage<DeviceError>(DeviceError::inUse(path).description()));
+  EXPECT_THAT([&] { SourceOpener::open(path); },
+              ThrowsMessage<DeviceError>(DeviceError::inUse(path).description()));
   device.reset();
   EXPECT_NE(SourceOpener::open(path), nullptr);
 
@@ -260,7 +267,9 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
            "root."},
   };
   for (const auto& [helper, text] : failures)
-    EXPECT_THAT(([&, &helper = helper] { DeviceWriteAccess::open(identity, {helper, false, {}}); }),
+    EXPECT_THAT(([&, &helper = helper] {
+                  DeviceWriteAccess::open(identity, {helper, false, {}});
+                }),
                 ThrowsMessage<WriteError>(text));
 
   // A helper that hands back another disk, as if the card changed between
@@ -269,9 +278,12 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
   const UniqueFd wrong(::open(other.loop.path().c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_TRUE(wrong.valid());
   const ScopedStdin input(wrong.get());
-  EXPECT_THAT([&] {
-              DeviceWriteAccess::open(identity, {standIn("stdin"), false, {}});
-            }, ThrowsMessage<WriteError>("The opened device doesn't match the selected card. Nothing was written."));
+  EXPECT_THAT(
+      [&] {
+        DeviceWriteAccess::open(identity, {standIn("stdin"), false, {}});
+      },
+      ThrowsMessage<WriteError>(
+          "The opened device doesn't match the selected card. Nothing was written."));
 
   const ImageDisk modern(4 << 20, 4096);
   EXPECT_EQ(DeviceWriteAccess::open(modern.inspect())->blockSize(), 4096);

@@ -154,7 +154,8 @@ TEST(DeviceGuard, IdentityRecordsWhatWasSeenAndRevalidateCatchesEveryChange) {
                                       "usb", "/devices/" + scsi + "/block/sdb#diskseq=21",
                                       Allowance::standard, ""}));
     change(fake);
-    EXPECT_THAT([&] { DeviceGuard::revalidate(identity, fake.paths()); }, ThrowsMessage<WriteError>(expected));
+    EXPECT_THAT([&] { DeviceGuard::revalidate(identity, fake.paths()); },
+                ThrowsMessage<WriteError>(expected));
   }
   FakeSystem fake;
   buildGuardMachine(fake);
@@ -180,8 +181,11 @@ TEST(DeviceGuard, UnmountRefusalListsWhatStaysMounted) {
 )");
   DiskIdentity identity;
   identity.deviceIdentifier = "sdx";
-  EXPECT_THAT([&] { DeviceGuard::unmountAll(identity, fake.paths()); }, ThrowsMessage<WriteError>("Couldn't unmount /nonexistent-vellum/CARD ONE, /nonexistent-vellum/CARD ONE/inner. "
-            "Close any apps using the card and try again."));
+  EXPECT_THAT(
+      [&] { DeviceGuard::unmountAll(identity, fake.paths()); },
+      ThrowsMessage<WriteError>(
+          "Couldn't unmount /nonexistent-vellum/CARD ONE, /nonexistent-vellum/CARD ONE/inner. "
+          "Close any apps using the card and try again."));
   fake.mountInfo("");
   EXPECT_NO_THROW(DeviceGuard::unmountAll(identity, fake.paths()));
 }

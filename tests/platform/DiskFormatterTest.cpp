@@ -236,9 +236,10 @@ TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
   if (!findProgram("sfdisk")) GTEST_SKIP() << "needs sfdisk";
   // 3 MiB cannot hold a partition starting at 4 MiB: sfdisk says why.
   const testing::ImageDisk tiny(3 * kMiB);
-  EXPECT_THAT([&] { DiskFormatter::format(tiny.inspect(), FileSystem::fat32, "x"); },
-              ThrowsMessage<WriteError>("Formatting failed: Start sector 8192 out of range.\n"
-                                        "Failed to add #1 partition: Numerical result out of range"));
+  EXPECT_THAT(
+      [&] { DiskFormatter::format(tiny.inspect(), FileSystem::fat32, "x"); },
+      ThrowsMessage<WriteError>("Formatting failed: Start sector 8192 out of range.\n"
+                                "Failed to add #1 partition: Numerical result out of range"));
 
   // A card swapped after selection: the guard's message, and the disk keeps
   // what it had (no tool ran).
@@ -246,8 +247,10 @@ TEST(DiskFormatter, ReportsTheFailingToolsOwnTextAndRunsNothingOnAChangedDisk) {
   testing::writeFile(card.image, std::string(8 * kMiB, 'K'));
   DiskIdentity identity = card.inspect();
   identity.mediaName = "Another Card";
-  EXPECT_THAT([&] { DiskFormatter::format(identity, FileSystem::exfat, "x"); }, ThrowsMessage<WriteError>("The disk at " + card.loop.name() +
-                " changed since you selected it. Nothing was written. Select the card again."));
+  EXPECT_THAT([&] { DiskFormatter::format(identity, FileSystem::exfat, "x"); },
+              ThrowsMessage<WriteError>(
+                  "The disk at " + card.loop.name() +
+                  " changed since you selected it. Nothing was written. Select the card again."));
   EXPECT_EQ(FileSource(card.image).read(0, 8 * kMiB), Bytes(8 * kMiB, 'K'));
 }
 

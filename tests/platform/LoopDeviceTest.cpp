@@ -102,12 +102,12 @@ TEST(LoopDevices, RevalidateCatchesReattachAndResize) {
     std::string device;
     ~Detach() { runProcess({"losetup", "-d", device}); }
   } detach{device};
-  EXPECT_THAT([&] { DeviceGuard::revalidate(before); }, ThrowsMessage<WriteError>( changed));
+  EXPECT_THAT([&] { DeviceGuard::revalidate(before); }, ThrowsMessage<WriteError>(changed));
 
   const DiskIdentity reattached = DeviceGuard::inspect(name, Allowance::standard);
   fs::resize_file(image, 48 << 20);
   testing::run({"losetup", "-c", device});
-  EXPECT_THAT([&] { DeviceGuard::revalidate(reattached); }, ThrowsMessage<WriteError>( changed));
+  EXPECT_THAT([&] { DeviceGuard::revalidate(reattached); }, ThrowsMessage<WriteError>(changed));
   EXPECT_EQ(DeviceGuard::inspect(name, Allowance::standard).sizeBytes, 48u << 20);
 }
 
@@ -142,8 +142,9 @@ TEST(LoopDevices, UnmountAllUnmountsAPartitionAndRefusesWhileBusy) {
       options.standardInput = Stdio::from(file.get());
       const ChildProcess holder = ChildProcess::start({"sleep", "60"}, options);
       file.reset();
-      EXPECT_THAT([&] { DeviceGuard::unmountAll(identity); }, ThrowsMessage<WriteError>(
-                "Couldn't unmount " + point + ". Close any apps using the card and try again."));
+      EXPECT_THAT([&] { DeviceGuard::unmountAll(identity); },
+                  ThrowsMessage<WriteError>("Couldn't unmount " + point +
+                                            ". Close any apps using the card and try again."));
       EXPECT_EQ(mounted(), (std::vector<std::string>{point}));
     }  // the holder is killed and reaped here
     EXPECT_NO_THROW(DeviceGuard::unmountAll(identity));

@@ -84,9 +84,9 @@ TEST(Process, RunsWithoutAShellCapturingBothStreamsTheExitAndTheEnvironment) {
 }
 
 TEST(Process, MissingProgramsAndUnwaitedChildren) {
-  EXPECT_THAT([] { runProcess({"vellum-no-such-tool"}); },
-              ThrowsMessage<ProcessError>(
-                  "Couldn't start vellum-no-such-tool: No such file or directory"));
+  EXPECT_THAT(
+      [] { runProcess({"vellum-no-such-tool"}); },
+      ThrowsMessage<ProcessError>("Couldn't start vellum-no-such-tool: No such file or directory"));
   EXPECT_THROW(runProcess({"/nonexistent/tool"}), ProcessError);
   EXPECT_EQ(findProgram("vellum-no-such-tool"), std::nullopt);
 

@@ -1,11 +1,14 @@
 #include "support/FaultyDevice.h"
 
+#include <algorithm>
+
 namespace vellum::testing {
 
 std::size_t FaultyDevice::readInto(std::uint64_t offset, std::span<std::uint8_t> out) {
   ++reads;
   if (beforeRead) beforeRead(offset, out.size());
-  const std::size_t n = inner_.readInto(offset, out);
+  std::size_t n = inner_.readInto(offset, out);
+  if (shortRead) n = std::min(n, shortRead(offset, n));
   if (afterRead) afterRead(offset, out.first(n));
   return n;
 }

@@ -24,6 +24,8 @@ class FaultyDevice final : public BlockDevice {
   std::function<void()> beforeSynchronize;
   // Applied to the bytes a read returned (flip a bit, zero a block, ...).
   std::function<void(std::uint64_t offset, std::span<std::uint8_t> bytes)> afterRead;
+  // How many of the n bytes read to hand back (a read that comes back short).
+  std::function<std::size_t(std::uint64_t offset, std::size_t n)> shortRead;
 
   int reads = 0;
   int writes = 0;
