@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config
+  build-essential cmake pkg-config clang libclang-rt-dev
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   util-linux mount fdisk dosfstools exfatprogs mtools e2fsprogs pkexec
   fuse3 libfuse3-dev

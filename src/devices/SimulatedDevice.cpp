@@ -25,23 +25,25 @@ std::string SimulatedDevice::descriptionForReport() const {
          ")";
 }
 
-SimulatedDevice::Location SimulatedDevice::locate(std::uint64_t pos) const {
-  const std::uint64_t toEnd = size_ - pos;
-  if (pos < realCapacity_) return {pos, std::min(toEnd, realCapacity_ - pos)};
-  switch (overflow_) {
+SimulatedDevice::Location SimulatedDevice::locate(std::uint64_t pos, std::uint64_t size,
+                                                  std::uint64_t realCapacity, Overflow overflow) {
+  VL_PRECONDITION(pos < size);
+  const std::uint64_t toEnd = size - pos;
+  if (pos < realCapacity) return {pos, std::min(toEnd, realCapacity - pos)};
+  switch (overflow) {
     case Overflow::discard:
       return {std::nullopt, toEnd};
     case Overflow::wrap: {
-      VL_PRECONDITION(realCapacity_ > 0);
-      const std::uint64_t physical = pos % realCapacity_;
-      return {physical, std::min(toEnd, realCapacity_ - physical)};
+      VL_PRECONDITION(realCapacity > 0);
+      const std::uint64_t physical = pos % realCapacity;
+      return {physical, std::min(toEnd, realCapacity - physical)};
     }
     case Overflow::combined: {
-      VL_PRECONDITION(realCapacity_ > 0);
-      const std::uint64_t wrapAt = std::bit_ceil(realCapacity_);
+      VL_PRECONDITION(realCapacity > 0);
+      const std::uint64_t wrapAt = std::bit_ceil(realCapacity);
       const std::uint64_t physical = pos % wrapAt;
-      if (physical >= realCapacity_) return {std::nullopt, std::min(toEnd, wrapAt - physical)};
-      return {physical, std::min(toEnd, realCapacity_ - physical)};
+      if (physical >= realCapacity) return {std::nullopt, std::min(toEnd, wrapAt - physical)};
+      return {physical, std::min(toEnd, realCapacity - physical)};
     }
   }
   VL_PRECONDITION(false);

@@ -39,14 +39,19 @@ class SimulatedDevice final : public BlockDevice {
   const std::set<std::uint64_t>& unreadableBlocks() const noexcept { return unreadableBlocks_; }
   const Bytes& storage() const noexcept { return storage_; }
 
- private:
-  // Where a reported position is stored (none: lost), and how many bytes from
-  // there on map the same way.
+  // Where a card of this geometry stores reported position pos (none: lost),
+  // and how many bytes from there on map the same way. The test disk served
+  // over FUSE decodes its addresses with this too. REQUIRES: pos < size,
+  // realCapacity > 0 unless overflow is discard.
   struct Location {
     std::optional<std::uint64_t> physical;
     std::uint64_t length;
   };
-  Location locate(std::uint64_t pos) const;
+  static Location locate(std::uint64_t pos, std::uint64_t size, std::uint64_t realCapacity,
+                         Overflow overflow);
+
+ private:
+  Location locate(std::uint64_t pos) const { return locate(pos, size_, realCapacity_, overflow_); }
 
   std::uint64_t size_;
   Overflow overflow_;

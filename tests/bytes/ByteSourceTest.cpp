@@ -52,15 +52,6 @@ TEST(ByteSource, ReadContractAtTheEnd) {
   }
 }
 
-TEST(ByteSource, Descriptions) {
-  EXPECT_EQ(MemorySource(Bytes{}).descriptionForReport(), "memory(0 bytes)");
-  EXPECT_EQ(MemorySource(Bytes{}).size(), 0u);
-  EXPECT_EQ(MemorySource(Bytes(5)).descriptionForReport(), "memory(5 bytes)");
-  TempDir dir;
-  writeFile(dir.file("a.img"), "x");
-  EXPECT_EQ(FileSource(dir.file("a.img")).descriptionForReport(), dir.file("a.img"));
-}
-
 TEST(FileSource, OpenFailuresNameThePath) {
   TempDir dir;
   const std::string missing = dir.file("missing.img");
@@ -87,17 +78,6 @@ TEST(FileSource, ReadErrorCarriesOffsetOfFailingCall) {
   if (source.size() == 0) GTEST_SKIP() << "directory size is 0 on this file system";
   EXPECT_THAT([&] { (void)source.read(0, 16); },
               ThrowsMessage<DeviceError>("Read failed at offset 0: Is a directory"));
-}
-
-TEST(DeviceError, Descriptions) {
-  EXPECT_EQ(DeviceError::authorizationDenied("/dev/sdb").description(),
-            "Authorization to read /dev/sdb was denied.");
-  EXPECT_EQ(DeviceError::notAFileOrDevice("/tmp").description(),
-            "/tmp is not a readable file or device.");
-  EXPECT_EQ(DeviceError::readFailed(4096, EIO).description(),
-            "Read failed at offset 4096: Input/output error");
-  EXPECT_NE(DeviceError::readFailed(4096, EIO), DeviceError::readFailed(0, EIO));
-  EXPECT_NE(DeviceError::cannotOpen("a", 1), DeviceError::authorizationDenied("a"));
 }
 
 TEST(UniqueFd, ClosesOnDestructionAndMove) {

@@ -112,23 +112,17 @@ TEST(CliDisk, RefusalsWriteNothing) {
   const Case cases[] = {
       // clang-format off
       {{"quick", name}, false, 3, virtualDisk},
-      {{"full", name, "--confirm", name}, false, 3, virtualDisk},
-      {{"format", name, "--confirm", name}, false, 3, virtualDisk},
       {{"quick", name + "p1"}, true, 3, wholeDisks},
-      {{"format", name + "p1", "--confirm", name}, true, 3, wholeDisks},
       {{"full", name, "--confirm", "erase"}, true, 2, mismatch},
-      {{"format", loop.path(), "--confirm", "erase"}, true, 2, mismatch},
       {{"quick", name, "--then", "full", "--confirm", "erase"}, true, 2, mismatch},
       {{"format", name}, true, 2, "vellum-check: this erases everything on " + name + ". To confirm, add --confirm " + name + ".\n"},
       {{"format", name, "--fs", "ntfs", "--confirm", name}, true, 2, "vellum-check format: --fs takes exfat or fat32, not ntfs.\nUsage: vellum-check format DISK [--fs exfat|fat32] [--name NAME] [--confirm DISK] [--json]\n"},
-      {{"full", "/dev/sdzz", "--confirm", "sdzz"}, true, 3, "vellum-check: sdzz wasn't found. Was the card removed?\n"},
       {{"format", "demo:fake", "--confirm", "erase"}, true, 3, "vellum-check: Simulated cards can't be formatted.\n"},
       {{"format", image, "--confirm", "erase"}, true, 3, "vellum-check: " + image + " is not a disk. Only disks (like sdb) can be formatted; a disk image file can be attached with losetup first.\n"},
       {{"quick", "demo:fake", "--then", "full"}, true, 2, "vellum-check quick: --then is for disks (like sdb): demo cards and image files need no Quick Check first. Run vellum-check full demo:fake directly.\n" + thenUsage},
       {{"quick", name, "--then", "health"}, true, 2, "vellum-check quick: --then takes full, wipe or format, not health.\n" + thenUsage},
       {{"quick", name, "--then", "full", "--fs", "exfat"}, true, 2, "vellum-check quick: unknown option --fs.\n" + thenUsage},
       {{"quick", name, "--then", "wipe", "--method", "shred", "--confirm", name}, true, 2, "vellum-check quick: --method takes zeros or random, not shred.\n" + thenUsage},
-      {{"quick", name, "--then", "format", "--fs", "ntfs", "--confirm", name}, true, 2, "vellum-check quick: --fs takes exfat or fat32, not ntfs.\n" + thenUsage},
       // clang-format on
   };
   for (const Case& c : cases) {
@@ -387,7 +381,7 @@ TEST(CliDisk, ImagesNeverOverwriteADiskOrAnEarlierFile) {
   EXPECT_EQ(std::filesystem::file_size(dir.file("earlier.img")), 8 * kMiB);
 }
 
-TEST(CliDisk, FormatsALoopDiskAndReportsToolFailures) {
+TEST(CliDisk, FormatsALoopDiskAndFinishesTheFormatWhenStopped) {
   VL_REQUIRE_LOOP_DEVICES();
   for (const char* tool : {"sfdisk", "partx", "mkfs.exfat", "mkfs.fat", "blkid"}) {
     if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
@@ -396,21 +390,12 @@ TEST(CliDisk, FormatsALoopDiskAndReportsToolFailures) {
   createSparseFile(dir.file("card.img"), 256 * kMiB);
   LoopDevice loop(dir.file("card.img"));
   const std::string name = loop.name();
-  struct Case {
-    std::string fileSystem, name, label, type;
-  };
-  for (const Case& c : {Case{"exfat", "my card", "MYCARD", "exfat"},
-                        Case{"fat32", "Holiday-Photos-2024", "HOLIDAYPHOT", "vfat"}}) {
-    SCOPED_TRACE(c.fileSystem);
-    const ProcessResult result = cli({"format", loop.path(), "--fs", c.fileSystem, "--name", c.name,
-                                      "--confirm", name, "--json"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(nlohmann::json::parse(result.out),
-              (nlohmann::json{{"fileSystem", c.fileSystem}, {"name", c.label}}));
-    const std::string found = blkid(loop.path() + "p1");
-    EXPECT_TRUE(contains(found, "TYPE=" + c.type + "\n")) << found;
-    EXPECT_TRUE(contains(found, "LABEL=" + c.label + "\n")) << found;
-  }
+  // Labels and layouts are the formatter's; the command adds its words.
+  const ProcessResult json = cli(
+      {"format", loop.path(), "--fs", "exfat", "--name", "my card", "--confirm", name, "--json"});
+  ASSERT_EQ(json.exitCode, 0) << json.err;
+  EXPECT_EQ(nlohmann::json::parse(json.out),
+            (nlohmann::json{{"fileSystem", "exfat"}, {"name", "MYCARD"}}));
 
   // Without --json the summary the application shows, with the disk's row.
   const ProcessResult text = cli({"format", name, "--name", "cam", "--confirm", name});
@@ -427,16 +412,6 @@ TEST(CliDisk, FormatsALoopDiskAndReportsToolFailures) {
   EXPECT_TRUE(contains(stopped.result.out, "Formatting was finished before stopping"))
       << stopped.result.out;
   EXPECT_TRUE(contains(blkid(loop.path() + "p1"), "LABEL=LATE\n"));
-
-  // Too small for a partition at 4 MiB: sfdisk's own words.
-  createSparseFile(dir.file("tiny.img"), 3 * kMiB);
-  LoopDevice tiny(dir.file("tiny.img"));
-  const ProcessResult failed = cli({"format", tiny.name(), "--confirm", tiny.name()});
-  EXPECT_EQ(failed.exitCode, 3);
-  EXPECT_EQ(failed.err, "Formatting " + tiny.name() +
-                            " as FAT32 named UNTITLED\u2026\n"
-                            "vellum-check: Formatting failed: Start sector 8192 out of range.\n"
-                            "Failed to add #1 partition: Numerical result out of range\n");
 }
 
 TEST(CliDisk, ListsALoopDeviceOnlyWithIncludeImages) {

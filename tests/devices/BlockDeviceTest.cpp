@@ -49,16 +49,6 @@ TEST(CheckWrite, AlignmentBeforeRange) {
                   "Write at 4096 of 512 bytes runs past the end of the device (4096 bytes)."));
 }
 
-TEST(WriteError, Descriptions) {
-  EXPECT_EQ(WriteError::writeFailed(0, EIO).description(),
-            "Write failed at offset 0: Input/output error");
-  EXPECT_EQ(WriteError::cannotOpen("/dev/sdb", EACCES).description(),
-            "Could not open /dev/sdb for writing: Permission denied");
-  EXPECT_EQ(WriteError::authorizationDenied("/dev/sdb").description(),
-            "Permission to write to /dev/sdb was denied.");
-  EXPECT_EQ(WriteError::refused("No card selected.").description(), "No card selected.");
-}
-
 TEST(SimulatedDevice, WrapOverwritesTheStart) {
   SimulatedDevice device(4096, 1024, Overflow::wrap, 512);
   device.write(0, filled(512, 0xAA));

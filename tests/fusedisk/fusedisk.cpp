@@ -42,6 +42,8 @@
 #include <utility>
 #include <vector>
 
+#include "devices/SimulatedDevice.h"
+
 namespace {
 
 using Range = std::pair<std::uint64_t, std::uint64_t>;  // first and last sector, inclusive
@@ -49,7 +51,7 @@ using Range = std::pair<std::uint64_t, std::uint64_t>;  // first and last sector
 struct Disk {
   std::uint64_t size = 0;
   std::uint64_t real = 0;
-  enum class Overflow { wrap, discard, combined } overflow = Overflow::wrap;
+  vellum::SimulatedDevice::Overflow overflow = vellum::SimulatedDevice::Overflow::wrap;
   double writeBytesPerSecond = 0;
   double readBytesPerSecond = 0;
   std::uint64_t sector = 512;
@@ -123,53 +125,21 @@ void throttle(std::size_t length, double bytesPerSecond) {
   std::this_thread::sleep_until(busyUntil);
 }
 
-std::uint64_t wrapSize() {
-  std::uint64_t power = 1;
-  while (power < disk.real)
-    power <<= 1;
-  return power;
-}
-
-// Where a reported position really lives; absent when it is lost.
-std::optional<std::uint64_t> physical(std::uint64_t position) {
-  if (position < disk.real) return position;
-  if (disk.real == 0) return std::nullopt;
-  switch (disk.overflow) {
-    case Disk::Overflow::wrap:
-      return position % disk.real;
-    case Disk::Overflow::discard:
-      return std::nullopt;
-    case Disk::Overflow::combined: {
-      const std::uint64_t where = position % wrapSize();
-      if (where < disk.real) return where;
-      return std::nullopt;
-    }
-  }
-  return std::nullopt;
-}
-
-// Bytes from position on that map the same way as position.
-std::uint64_t stretch(std::uint64_t position, std::optional<std::uint64_t> where) {
-  if (where) return disk.real - *where;
-  if (disk.overflow == Disk::Overflow::combined && disk.real != 0) {
-    const std::uint64_t power = wrapSize();
-    return std::min(power - position % power, disk.size - position);
-  }
-  return disk.size - position;
-}
-
 // Splits [offset, offset + length) into pieces that stay within one stretch
-// of real storage and calls visit(piece offset in request, physical or none,
-// piece length). Returns a negative errno from visit, else 0.
+// of real storage, decoded as the project's simulated cards decode it, and calls visit(piece offset
+// in request, physical or none, piece length). Returns a negative errno from visit, else 0.
 template <class Visit>
 int walk(std::uint64_t offset, std::size_t length, Visit visit) {
   std::size_t done = 0;
   while (done < length) {
-    const std::uint64_t position = offset + done;
-    const std::optional<std::uint64_t> where = physical(position);
+    // A disk with no real storage loses everything written to it.
+    const vellum::SimulatedDevice::Location where =
+        disk.real == 0
+            ? vellum::SimulatedDevice::Location{std::nullopt, disk.size - offset - done}
+            : vellum::SimulatedDevice::locate(offset + done, disk.size, disk.real, disk.overflow);
     const std::size_t piece =
-        static_cast<std::size_t>(std::min<std::uint64_t>(length - done, stretch(position, where)));
-    if (const int error = visit(done, where, piece); error != 0) return error;
+        static_cast<std::size_t>(std::min<std::uint64_t>(length - done, where.length));
+    if (const int error = visit(done, where.physical, piece); error != 0) return error;
     done += piece;
   }
   return 0;
@@ -315,11 +285,11 @@ int main(int argc, char** argv) {
       real = number(value);
       if (!real) return usage();
     } else if (option == "--overflow" && value == "wrap") {
-      disk.overflow = Disk::Overflow::wrap;
+      disk.overflow = vellum::SimulatedDevice::Overflow::wrap;
     } else if (option == "--overflow" && value == "discard") {
-      disk.overflow = Disk::Overflow::discard;
+      disk.overflow = vellum::SimulatedDevice::Overflow::discard;
     } else if (option == "--overflow" && value == "combined") {
-      disk.overflow = Disk::Overflow::combined;
+      disk.overflow = vellum::SimulatedDevice::Overflow::combined;
     } else if (option == "--write-mbps" || option == "--read-mbps") {
       const double rate = static_cast<double>(number(value).value_or(0)) * 1e6;
       (option == "--write-mbps" ? disk.writeBytesPerSecond : disk.readBytesPerSecond) = rate;

@@ -14,10 +14,19 @@
 
 namespace {
 
-const std::filesystem::path& outputFolder() {
-  static const std::filesystem::path folder =
+// One report folder per fuzzing process, removed when it exits.
+struct OutputFolder {
+  std::filesystem::path path =
       std::filesystem::temp_directory_path() / ("carve-engine-fuzz-" + std::to_string(::getpid()));
-  return folder;
+  ~OutputFolder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+  }
+};
+
+const std::filesystem::path& outputFolder() {
+  static const OutputFolder folder;
+  return folder.path;
 }
 
 }  // namespace

@@ -154,8 +154,8 @@ TEST(DeviceGuard, IdentityRecordsWhatWasSeenAndRevalidateCatchesEveryChange) {
                                       "usb", "/devices/" + scsi + "/block/sdb#diskseq=21",
                                       Allowance::standard, ""}));
     change(fake);
-    EXPECT_THAT([&] { DeviceGuard::revalidate(identity, fake.paths()); },
-                ThrowsMessage<WriteError>(expected));
+    EXPECT_EQ(errorText<WriteError>([&] { DeviceGuard::revalidate(identity, fake.paths()); }),
+              expected);
   }
   FakeSystem fake;
   buildGuardMachine(fake);
@@ -230,7 +230,7 @@ exit 1
   }
 }
 
-TEST(DiskIdentity, EncodesWithFieldNamesAndDecodesBack) {
+TEST(DiskIdentity, DecodesWhatItEncodesAndRefusesTheRest) {
   const DiskIdentity identity{"sdb",
                               31'914'983'424,
                               512,
@@ -240,17 +240,12 @@ TEST(DiskIdentity, EncodesWithFieldNamesAndDecodesBack) {
                               Allowance::claimedCapacity,
                               "AB12"};
   const nlohmann::json json = identity;
-  EXPECT_EQ(json.dump(),
-            R"({"allowance":"claimedCapacity","blockSize":512,"busProtocol":"usb",)"
-            R"("deviceIdentifier":"sdb","ioRegistryPath":"/devices/x/block/sdb#diskseq=21",)"
-            R"("mediaName":"Generic STORAGE DEVICE","serial":"AB12","sizeBytes":31914983424})");
   EXPECT_EQ(json.get<DiskIdentity>(), identity);
   nlohmann::json unknown = json, missing = json;
   unknown["allowance"] = "unlimited";
   missing.erase("ioRegistryPath");
   EXPECT_THROW(unknown.get<DiskIdentity>(), nlohmann::json::exception);
   EXPECT_THROW(missing.get<DiskIdentity>(), nlohmann::json::exception);
-  EXPECT_EQ(allowanceFromRawValue("Standard"), std::nullopt);
 }
 
 }  // namespace
