@@ -8,9 +8,11 @@
 
 #include "bytes/DeviceError.h"
 #include "bytes/FileSource.h"
+#include "bytes/ZeroFillingSource.h"
 #include "devices/FileDescriptorDevice.h"
 #include "devices/SimulatedDevice.h"
 #include "devices/WriteError.h"
+#include "support/FaultyDevice.h"
 #include "support/TempDir.h"
 
 namespace vellum {
@@ -156,6 +158,30 @@ TEST(FileDescriptorDevice, WriteOutOfRangeIsRefusedBeforeTouchingTheFile) {
   EXPECT_THAT([&] { device->write(4096, filled(512, 1)); },
               Throws<WriteError>(WriteError::outOfRange(4096, 512, 4096)));
   EXPECT_EQ(std::filesystem::file_size(dir.file("card.img")), 4096u);
+}
+
+// What the post-wipe search reads: sectors that fail or come back short read
+// as zeros and are reported; a card that is gone still stops it.
+TEST(ZeroFillingSource, FailingAndShortSectorsReadAsReportedZeros) {
+  SimulatedDevice card(8 * 512, std::nullopt, Overflow::wrap, 512);
+  card.write(0, filled(8 * 512, 7));
+  card.unreadableBlocks() = {2};
+  testing::FaultyDevice faulty(card);
+  faulty.shortRead = [](std::uint64_t offset, std::size_t n) {
+    return offset == 5 * 512 ? n - 1 : n;
+  };
+  ZeroFillingSource source(faulty, 512);
+  std::vector<std::uint64_t> unreadable;
+  source.onUnreadable = [&](std::uint64_t at) { unreadable.push_back(at); };
+  Bytes expected = filled(8 * 512, 7);
+  std::fill(expected.begin() + 2 * 512, expected.begin() + 3 * 512, 0);
+  std::fill(expected.begin() + 5 * 512, expected.begin() + 6 * 512, 0);
+  EXPECT_EQ(source.read(0, 8 * 512), expected);
+  EXPECT_EQ(unreadable, (std::vector<std::uint64_t>{2 * 512, 5 * 512}));
+  faulty.beforeRead = [](std::uint64_t at, std::size_t) {
+    throw DeviceError::readFailed(at, ENODEV);
+  };
+  EXPECT_THROW(source.read(0, 512), DeviceError);
 }
 
 }  // namespace
