@@ -88,7 +88,8 @@ TEST(ReadContextTest, FindAndFindLast) {
 
   const Bytes eof = text("%%EOF");
   EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX), 2'098'000U);
-  EXPECT_EQ(context.findLast(eof, 0, 2'098'000), 1'048'578U);  // must begin before the end
+  EXPECT_EQ(context.findLast(text("XYZ"), 0, UINT64_MAX), 2'099'997U);  // ends at the end
+  EXPECT_EQ(context.findLast(eof, 0, 2'098'000), 1'048'578U);           // must begin before the end
   EXPECT_EQ(context.findLast(eof, 1011, 1100), 1030U);
   // With slack the walk goes on only while the next hit is near the last one.
   EXPECT_EQ(context.findLast(eof, 0, UINT64_MAX, 1'048'578 - 1035 - 1), 1030U);
