@@ -165,6 +165,14 @@ TEST(Session, OnlyACounterfeitQuickCheckLetsADiskOver4TBBeErased) {
   RunRequest genuine = request(CheckAction::quick, Card{platform.disks["sdd"].listed});
   EXPECT_EQ(as<QuickCheck::Result>(session.run(genuine, cancel, {})).verdict, Verdict::genuine);
   EXPECT_FALSE(session.provenFake("sdd"));
+  // Nor does a failing one: its capacity is real, only some of it is bad.
+  platform.onOpen = [](testing::FaultyDevice& device) {
+    device.afterRead = [&device](std::uint64_t offset, std::span<std::uint8_t> bytes) {
+      if (device.writes > 0 && offset == 8 << 20 && !bytes.empty()) bytes[100] ^= 0xFF;
+    };
+  };
+  EXPECT_EQ(as<QuickCheck::Result>(session.run(genuine, cancel, {})).verdict, Verdict::unreliable);
+  EXPECT_FALSE(session.provenFake("sdd"));
 }
 
 TEST(Session, FailuresKeepTheirKind) {
