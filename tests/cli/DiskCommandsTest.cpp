@@ -315,6 +315,12 @@ TEST(CliDisk, FailingFuseDiskHealthScanAndBackup) {
   EXPECT_EQ(health.exitCode, 1) << health.err;
   const nlohmann::json result = nlohmann::json::parse(health.out);
   EXPECT_EQ(result.at("unreadable").size(), 2u);
+  // Slow areas alone are not a good verdict either.
+  FuseDisk slow({.size = 64 * kMiB, .slow = {{40000, 40000}}, .delayMs = 400});
+  LoopDevice slowLoop(slow.file(), {.directIo = true});
+  const ProcessResult slowScan = cli({"health", slowLoop.name(), "--json"}, false);
+  EXPECT_EQ(slowScan.exitCode, 1) << slowScan.err;
+  EXPECT_EQ(nlohmann::json::parse(slowScan.out).at("verdict"), "slowAreas") << slowScan.out;
 
   // A backup before erasing keeps going past the bad sectors and says so.
   FuseDisk small({.size = 4 * kMiB, .unreadable = {{100, 101}, {5000, 5000}}});
