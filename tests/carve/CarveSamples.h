@@ -9,6 +9,8 @@
 
 #include "bytes/ByteSource.h"
 #include "bytes/MemorySource.h"
+#include "devices/SimulatedDevice.h"
+#include "support/FaultyDevice.h"
 
 namespace vellum::testing {
 
@@ -145,26 +147,21 @@ Bytes pdfBody(std::string_view version = "1.7");
 // An appended update: new objects, a new xref and trailer, no end marker.
 Bytes pdfUpdate(std::size_t padding);
 
-// A memory source whose reads can be failed or counted by a test.
-class ScriptedSource final : public ByteSource {
+namespace detail {
+struct HeldCard {
+  SimulatedDevice card;
+};
+}  // namespace detail
+
+// Bytes whose reads a test can fail or count: a simulated card holding them
+// (block size 1), behind the shared FaultyDevice and its hooks.
+class ScriptedSource final : private detail::HeldCard, public FaultyDevice {
  public:
-  explicit ScriptedSource(Bytes data) : inner_(std::move(data)) {}
-
-  // Runs before each read; may throw.
-  std::function<void(std::uint64_t offset, std::size_t count)> beforeRead;
-  int reads = 0;
-
-  std::uint64_t size() const override { return inner_.size(); }
-  std::int64_t badReads() const override { return 0; }
-  std::string descriptionForReport() const override { return "scripted"; }
-  std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override {
-    ++reads;
-    if (beforeRead) beforeRead(offset, out.size());
-    return inner_.readInto(offset, out);
+  explicit ScriptedSource(const Bytes& data)
+      : HeldCard{SimulatedDevice(data.size(), std::nullopt, SimulatedDevice::Overflow::wrap, 1)},
+        FaultyDevice(card) {
+    card.write(0, data);
   }
-
- private:
-  MemorySource inner_;
 };
 
 }  // namespace vellum::testing

@@ -11,7 +11,7 @@ namespace vellum::testing {
 // Wraps a device and lets a test damage it on purpose: each hook runs before
 // the transfer reaches the inner device and may throw (a DeviceError,
 // WriteError, or anything else), or set a cancellation flag at step K.
-class FaultyDevice final : public BlockDevice {
+class FaultyDevice : public BlockDevice {
  public:
   using Hook = std::function<void(std::uint64_t offset, std::size_t length)>;
 
