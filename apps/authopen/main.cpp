@@ -19,7 +19,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
+#include <climits>  // PATH_MAX
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -1,9 +1,6 @@
 #include "carve/CarverProbe.h"
 
-#include <algorithm>
-
 #include "bytes/MemorySource.h"
-#include "carve/CarverRegistry.h"
 #include "carve/ReadContext.h"
 
 namespace vellum {

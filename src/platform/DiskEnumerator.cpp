@@ -5,9 +5,6 @@
 #include <algorithm>
 #include <fstream>
 
-#include "bytes/Error.h"
-#include "platform/DeviceGuard.h"
-
 namespace vellum {
 
 std::vector<ExternalDisk> DiskEnumerator::externalDisks(bool includeDiskImages,
