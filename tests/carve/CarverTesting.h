@@ -11,19 +11,12 @@
 #include "bytes/MemorySource.h"
 #include "bytes/Precondition.h"
 #include "carve/CarveEngine.h"
+#include "carve/CarverProbe.h"
 #include "carve/FormatCarver.h"
 #include "carve/ReadContext.h"
 #include "support/TempDir.h"
 
 namespace vellum::testing {
-
-// Runs one carver on data with a fresh context, as the engine would at start.
-inline std::optional<CarveMatch> carveBytes(const FormatCarver& carver, const Bytes& data,
-                                            std::uint64_t start = 0) {
-  MemorySource source(data);
-  ReadContext context(source);
-  return carver.carve(start, context);
-}
 
 // The first count bytes of data.
 inline Bytes cut(const Bytes& data, std::size_t count) {
