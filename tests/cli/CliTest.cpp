@@ -161,6 +161,15 @@ TEST(Cli, ImageFilesAreTestedWipedAndCopied) {
   const ProcessResult saved = cli({"image", dir.file("odd.img"), dir.file("copy.img")}, false);
   EXPECT_EQ(saved.exitCode, 0) << saved.err;
   EXPECT_TRUE(readAll(dir.file("copy.img")) == readAll(dir.file("odd.img")));
+  // An earlier file is replaced only with --force.
+  const ProcessResult kept = cli({"image", image, dir.file("copy.img")}, false);
+  EXPECT_EQ(kept.exitCode, 3);
+  EXPECT_TRUE(contains(kept.err,
+                       "already exists. Choose another name; nothing was replaced. "
+                       "Add --force to replace it."))
+      << kept.err;
+  EXPECT_EQ(cli({"image", image, dir.file("copy.img"), "--force"}, false).exitCode, 0);
+  EXPECT_TRUE(readAll(dir.file("copy.img")) == content);
 
   // A random wipe of an image file leaves no scratch folder behind.
   writeFile(image, randomBytes(2 * kMiB, 5));
