@@ -192,60 +192,6 @@ TEST(CheckModelTest, RefreshDropsASelectedDiskThatChangedOrLeft) {
   EXPECT_EQ(f.model->stepStatus(), "Insert a card or drive and choose it below.");
 }
 
-TEST(CheckModelTest, DiskRunsShowTheLowerLayersTextsAndRememberAFake) {
-  Fixture f(false);
-  f.refresh();
-  const Card disk = f.model->cards().at(0);
-  f.model->select(disk);
-  f.model->run(CheckAction::quick);
-  f.settle();
-  EXPECT_EQ(f.outcome<QuickCheck::Result>().verdict, Verdict::counterfeit);
-
-  f.model->select(disk);
-  f.model->run(CheckAction::format, std::nullopt, FormatChoice{FileSystem::fat32, "holiday"});
-  f.settle();
-  EXPECT_EQ(f.outcome<Formatted>().name, "HOLIDAY");
-
-  f.fake->disks.at("sdb").refusal = "sdb is write-protected.";
-  f.model->select(disk);
-  f.model->run(CheckAction::wipe);
-  f.settle();
-  EXPECT_EQ(f.failure(), "sdb is write-protected.");
-}
-
-// A Quick Check cut short by a pulled card: the card is marked, the failure
-// says what to do, and Put Data Back gives the data back and clears the mark.
-TEST(CheckModelTest, AnInterruptedCheckIsOfferedToBePutBack) {
-  Fixture f(false);
-  f.refresh();
-  f.model->select(f.model->cards().at(0));
-  EXPECT_FALSE(f.model->needsRestore());
-  SimulatedDevice& device = *f.fake->disks["sdb"].device;
-  const Bytes before = device.storage();
-  f.fake->onOpen = [](testing::FaultyDevice& faulty) {
-    faulty.beforeWrite = [&faulty](std::uint64_t, std::size_t) {
-      if (faulty.writes > 100) throw WriteError::removed("/dev/sdb");
-    };
-  };
-  f.model->run(CheckAction::quick);
-  f.settle();
-  EXPECT_TRUE(f.failure().starts_with("sdb was removed before the Quick Check")) << f.failure();
-  f.fake->onOpen = nullptr;
-  f.model->done();
-  ASSERT_TRUE(QTest::qWaitFor([&] { return !f.model->isRefreshing(); }, 10'000));
-  EXPECT_TRUE(f.model->needsRestore());
-  EXPECT_TRUE(f.model->hasInterruptedCheck(f.model->cards().at(0)));
-
-  QSignalSpy notices(f.model.get(), &CheckModel::notice);
-  f.model->restoreData();
-  ASSERT_TRUE(notices.wait(10'000));
-  EXPECT_EQ(notices.at(0).at(0).toString().toStdString(),
-            "sdb: put back the data at 100 places that an interrupted Quick Check had "
-            "overwritten.");
-  EXPECT_FALSE(f.model->needsRestore());
-  EXPECT_TRUE(device.storage() == before);
-}
-
 TEST(CheckModelTest, AutoRunFollowsTheSettingsButNeverFormats) {
   {
     Fixture f(false);

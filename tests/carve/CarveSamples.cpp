@@ -32,10 +32,6 @@ void putLe32(Bytes& out, std::size_t at, std::uint32_t value) {
   for (std::size_t i = 0; i < 4; ++i)
     out[at + i] = static_cast<std::uint8_t>(value >> (8 * i));
 }
-void putBe32(Bytes& out, std::size_t at, std::uint32_t value) {
-  for (std::size_t i = 0; i < 4; ++i)
-    out[at + i] = static_cast<std::uint8_t>(value >> (24 - 8 * i));
-}
 
 namespace {
 // A PNG chunk: length, type, data, CRC (zero: CRCs are not checked).

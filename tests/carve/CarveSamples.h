@@ -24,7 +24,6 @@ void append(Bytes& out, const Bytes& bytes);
 void be(Bytes& out, int width, std::initializer_list<std::uint64_t> values);
 void le(Bytes& out, int width, std::initializer_list<std::uint64_t> values);
 void putLe32(Bytes& out, std::size_t at, std::uint32_t value);
-void putBe32(Bytes& out, std::size_t at, std::uint32_t value);
 
 // Signature, IHDR, one IDAT of idatBytes, IEND.
 Bytes samplePng(std::size_t idatBytes = 100);

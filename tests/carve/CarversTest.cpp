@@ -76,11 +76,7 @@ TEST(Carvers, GoodFiles) {
   add(bmpCarver(), le32At(bmp, 14, 124), sure(bmp.size(), "bmp", photos), 10);
 
   const std::vector<std::tuple<std::string, std::string, FormatCategory>> brands = {
-      {"qt  ", "mov", video},
-      {"M4B ", "m4a", audio},
-      {"mif1", "heic", photos},
-      {"crx ", "cr3", raw},
-      {"    ", "mp4", video}};
+      {"M4B ", "m4a", audio}, {"crx ", "cr3", raw}, {"    ", "mp4", video}};
   for (const auto& [brand, ext, category] : brands) {
     const Bytes file = sampleIsoBmff(brand, {{"free", 8}, {"moov", 40}, {"mdat", 100}});
     add(isoBmffCarver(), file, sure(file.size(), ext, category), 100);
@@ -113,9 +109,6 @@ TEST(Carvers, GoodFiles) {
 
   const std::vector<std::tuple<std::string, std::vector<TiffField>, std::string>> cameras = {
       {"DNG", {TiffField::of(4, 50706, {0x01040000})}, "dng"},
-      {"Nikon CFA",
-       {TiffField{271, 2, {}, "NIKON CORPORATION"}, TiffField::of(3, 262, {32803})},
-       "nef"},
       {"camera, ordinary image", {TiffField{271, 2, {}, "SONY"}}, "tif"},
       {"CR2 marker", {TiffField{271, 2, {}, "Canon"}}, "cr2"}};
   for (const auto& [name, extra, ext] : cameras) {
@@ -130,7 +123,7 @@ TEST(Carvers, GoodFiles) {
     add(tiffCarver(), tiff.out, sure(tiff.out.size(), ext, ext == "tif" ? photos : raw));
   }
 
-  for (const std::string_view lineEnd : {"\n", "\r\n", "\r", ""}) {
+  for (const std::string_view lineEnd : {"\r\n", ""}) {
     Bytes pdf = pdfBody();
     append(pdf, "%%EOF");
     append(pdf, lineEnd);
@@ -141,9 +134,7 @@ TEST(Carvers, GoodFiles) {
   const std::vector<std::tuple<std::vector<ZipEntry>, std::string, FormatCategory>> zips = {
       {{{"a.txt"}, {"b/c.txt"}}, "zip", archives},
       {{{"[Content_Types].xml"}, {"_rels/.rels"}, {"word/document.xml"}}, "docx", docs},
-      {{mime("application/vnd.oasis.opendocument.text"), {"content.xml"}}, "odt", docs},
       {{mime("application/epub+zip"), {"META-INF/container.xml"}}, "epub", docs},
-      {{{"AndroidManifest.xml"}, {"classes.dex"}, {"META-INF/MANIFEST.MF"}}, "apk", archives},
       {{{"word/document.xml"}}, "zip", archives},                           // no content types part
       {{{"mimetype", text("application/epub+zip"), 8}}, "zip", archives}};  // compressed
   for (const auto& [entries, ext, category] : zips) {
@@ -156,12 +147,8 @@ TEST(Carvers, GoodFiles) {
   place(tricky, 90, text("PK\x07\x08"));
   place(tricky, 120, text("PK\x01\x02"));
   using D = ZipDescriptor;
-  for (const auto& [descriptor, zip64] :
-       std::vector<std::pair<D, bool>>{{D::withSignature, false},
-                                       {D::withoutSignature, false},
-                                       {D::withSizesInHeader, false},
-                                       {D::withSignature, true},
-                                       {D::none, true}}) {
+  for (const auto& [descriptor, zip64] : std::vector<std::pair<D, bool>>{
+           {D::withoutSignature, false}, {D::withSizesInHeader, false}, {D::withSignature, true}}) {
     const Bytes zip = sampleZip({{"a.bin", tricky, 8, descriptor, zip64}, {"b.txt"}}).bytes;
     add(zipCarver(), zip, sure(zip.size(), "zip", archives), 600);
   }
@@ -202,7 +189,7 @@ TEST(Carvers, TruncatedFiles) {
     cases.push_back({&carver, std::move(bytes), want});
   };
   const Bytes png = samplePng();
-  for (std::size_t at : {std::size_t{8}, std::size_t{20}, png.size() - 13, png.size() - 5})
+  for (std::size_t at : {std::size_t{20}, png.size() - 5})
     add(pngCarver(), cut(png, at), std::nullopt);
   // Cut inside IEND's CRC: the stated end (the engine clamps it).
   add(pngCarver(), cut(png, png.size() - 1), sure(png.size(), "png", photos));
@@ -277,40 +264,26 @@ TEST(Carvers, HostileFiles) {
                        std::optional<CarveMatch> want = std::nullopt) {
     cases.push_back({&carver, std::move(bytes), want});
   };
-  const Bytes png = withTail(samplePng(), 100);
-  // PNG: first chunk not IHDR; a chunk claiming 2 GiB.
-  add(pngCarver(), edited(png, 12, {'i'}));
-  add(pngCarver(), edited(png, 33, {0x7F, 0xFF, 0xFF, 0xF0}));
-  const Bytes jpeg = sampleJpeg();  // FFD8 | FFE0 (4..19) | FFDB at 20, length at 22
-  // JPEG: a marker without FF; an end marker in the header.
-  add(jpegCarver(), edited(jpeg, 20, {0x12}));
-  add(jpegCarver(), edited(jpeg, 21, {0xD9}));
+  // Crashes and runaway reads are the fuzzers' to find; here, inputs that
+  // look like files but must not be taken for one, and walks that must end.
+  // PNG: a chunk claiming 2 GiB.
+  add(pngCarver(), edited(withTail(samplePng(), 100), 33, {0x7F, 0xFF, 0xFF, 0xF0}));
+  // JPEG: an end marker in the header (FFDB at 20).
+  add(jpegCarver(), edited(sampleJpeg(), 21, {0xD9}));
   const Bytes gif = sampleGif();
-  // GIF: width 0; a sub-block chain that never ends.
-  add(gifCarver(), edited(gif, 6, {0, 0}));
+  // GIF: a sub-block chain that never ends.
   Bytes endless = cut(gif, 19);
   append(endless, {0x21, 0xFE});
   for (int i = 0; i < 1000; ++i)
     append(endless, {1, 0x41});
   add(gifCarver(), endless);
-  const Bytes bmp = sampleBmp(4, 4);
-  // BMP: header size 20, file size 57 or over 256 MiB, data offset 25 or at the end.
-  for (const auto& [at, value] : std::vector<std::pair<std::size_t, std::uint32_t>>{
-           {14, 20}, {2, 57}, {2, 268'435'457}, {10, 25}, {10, 102}})
-    add(bmpCarver(), le32At(bmp, at, value));
-
-  const Bytes mp4 = sampleIsoBmff("isom", {{"moov", 20}, {"mdat", 40}});
-  for (std::uint32_t size : {11U, 4097U, 0U}) {
-    Bytes bad = mp4;
-    putBe32(bad, 0, size);
-    add(isoBmffCarver(), bad);
-  }
+  // BMP: file size over 256 MiB.
+  add(bmpCarver(), le32At(sampleBmp(4, 4), 2, 268'435'457));
   Bytes onlyOpen = sampleIsoBmff("isom", {{"free", 8}});
   append(onlyOpen, {0, 0, 0, 0, 'm', 'd', 'a', 't'});
   // The only content box runs to the end (size 0): no file.
   add(isoBmffCarver(), withTail(onlyOpen, 100));
-  // RIFF: size 3; a form type of the other container.
-  add(riffCarver(), le32At(sampleRiff("RIFF", "WAVE", 0), 4, 3));
+  // RIFF: a form type of the other container.
   add(riffCarver(), sampleRiff("RIFF", "AIFF", 20));
 
   const auto doubtful = [](std::uint64_t length) { return doubt(length, "tif", photos); };
@@ -345,13 +318,6 @@ TEST(Carvers, HostileFiles) {
   }
   add(tiffCarver(), edited(stripTiff(false).out, 2, {43}));
 
-  // PDF version 0 or without a digit.
-  for (const std::string_view version : {"0.9", "x.1"}) {
-    Bytes pdf = pdfBody(version);
-    append(pdf, "%%EOF\n");
-    add(pdfCarver(), pdf);
-  }
-
   const ZipArchive zip = sampleZip({{"a.txt"}, {"b.txt"}});
   const auto zipOf = [](std::uint64_t length, bool sure) {
     return CarveMatch{length, "zip", archives,
@@ -363,8 +329,6 @@ TEST(Carvers, HostileFiles) {
   add(zipCarver(), farSize, zipOf(farSize.size(), true));
   Bytes noEnd = le32At(withTail(farSize, 100), zip.bytes.size() - 22 - 4, 0);
   add(zipCarver(), noEnd, zipOf(noEnd.size(), false));
-  // Version needed 12,308 is no local header.
-  add(zipCarver(), edited(zip.bytes, 5, {0x30}));
   // Damage between entries: the end record is found and agrees with its directory.
   const Bytes between = le32At(zip.bytes, zip.dataAt[1] - 35, 0xDEADBEEF);
   add(zipCarver(), withTail(between, 100), zipOf(between.size(), true));
@@ -386,14 +350,9 @@ TEST(Carvers, HostileFiles) {
     place(descriptors, at, text("PK\x07\x08"));
   add(zipCarver(), descriptors, zipOf(descriptors.size(), false));
 
-  // OLE2: no table sectors, too many, or an unknown sector shift.
-  for (const auto& [shift, sectors] : std::vector<std::pair<std::uint16_t, std::uint32_t>>{
-           {9, 0}, {9, 65'537}, {10, 1}, {11, 1}, {8, 1}})
-    add(ole2Carver(), withTail(sampleOle2(shift, sectors), 100'000));
-  const Bytes mp3 = sampleMp3(6);
-  // ID3 size not sync-safe; a tag past the source's end.
-  add(mp3Carver(), edited(mp3, 7, {0x80}));
-  add(mp3Carver(), edited(mp3, 6, {0x7F}));
+  // OLE2: too many table sectors; MP3: a tag past the source's end.
+  add(ole2Carver(), withTail(sampleOle2(9, 65'537), 100'000));
+  add(mp3Carver(), edited(sampleMp3(6), 6, {0x7F}));
   check(cases);
 }
 
@@ -498,13 +457,10 @@ TEST(Carvers, TiffFollowsSubIfdsTilesAndThumbnails) {
 
 TEST(Carvers, Mp3FrameLengths) {
   const std::vector<std::pair<Bytes, std::optional<std::uint64_t>>> cases = {
-      {{0xFF, 0xFB, 0x90}, 417},          {{0xFF, 0xFB, 0x92}, 418},   // padded
-      {{0xFF, 0xFB, 0xE4}, 960},          {{0xFF, 0xFD, 0xE8}, 1728},  // L3 320k 48k, L2 384k 32k
-      {{0xFF, 0xFF, 0xE0}, 484},          {{0xFF, 0xF3, 0x80}, 208},   // L1 448k 44.1k, MPEG-2 L3
-      {{0xFF, 0xF5, 0xE4}, 960},          {{0xFF, 0xE3, 0x18}, 72},    // MPEG-2 L2, MPEG-2.5 L3
-      {{0xFF, 0xFB, 0x00}, std::nullopt}, {{0xFF, 0xFB, 0xF0}, std::nullopt},
+      {{0xFF, 0xFB, 0x92}, 418},          {{0xFF, 0xFD, 0xE8}, 1728},  // padded; L2 384k 32k
+      {{0xFF, 0xFF, 0xE0}, 484},          {{0xFF, 0xE3, 0x18}, 72},    // L1 448k 44.1k, MPEG-2.5 L3
+      {{0xFF, 0xFB, 0x00}, std::nullopt}, {{0xFF, 0xFB, 0xF0}, std::nullopt},  // free, bad rate
       {{0xFF, 0xFB, 0x9C}, std::nullopt}, {{0xFF, 0xEB, 0x90}, std::nullopt},
-      {{0xFF, 0xF9, 0x90}, std::nullopt}, {{0xFF, 0xDB, 0x90}, std::nullopt},
       {{0xFF, 0xFB}, std::nullopt}};
   for (const auto& [header, length] : cases)
     EXPECT_EQ(mp3FrameLength(header), length) << int{header[1]} << " " << int{header.back()};

@@ -10,18 +10,13 @@
 #include "RealDisks.h"
 #include "bytes/DeviceError.h"
 #include "bytes/PositionedIo.h"
-#include "devices/WriteError.h"
 #include "platform/BlockDeviceSource.h"
-#include "platform/DeviceWriteAccess.h"
 #include "platform/RawDeviceAccess.h"
 
-// Raw reads of files and loop disks, and the FUSE disk that stands in for
-// counterfeit and failing cards in the card checks' tests.
+// Raw reads of files, loop disks and FUSE disks with failing sectors.
 
 namespace vellum {
 namespace {
-
-using ::testing::Throws;
 
 using ::testing::ThrowsMessage;
 
@@ -126,29 +121,6 @@ TEST(BlockDeviceSource, UnreadableSectorsComeBackAsZerosAndAreCounted) {
   EXPECT_EQ(big.badReads(), 1);
   EXPECT_EQ(big.read(5 * 4096 + 100, 10), Bytes(10, 0));  // a few bytes inside the bad sector
   EXPECT_EQ(big.badReads(), 2);
-}
-
-// The device a card check would write to, on a FUSE disk with these options.
-struct FuseCard {
-  explicit FuseCard(const FuseDisk::Options& options) : disk(options) {}
-  FuseDisk disk;
-  LoopDevice loop{disk.file(), {.directIo = true}};
-  testing::ScopedEnv allowImages{"VL_ALLOW_DISK_IMAGES", "1"};
-  std::unique_ptr<FileDescriptorDevice> device =
-      DeviceWriteAccess::open(DeviceGuard::inspect(loop.name(), Allowance::standard));
-};
-
-TEST(FuseDisk, FailsChosenSectorsAndOnlyThose) {
-  VL_REQUIRE_FUSE_DISKS();
-  // Past the real capacity it decodes addresses as SimulatedDevice does;
-  // here, only what the FUSE server adds: sectors that fail.
-  const FuseCard card({.size = 8 * kMiB, .unreadable = {{100, 101}}, .unwritable = {{200, 200}}});
-  EXPECT_THAT([&] { card.device->read(96 * 512, 8 * 512); },  // fails at the failing sector
-              Throws<DeviceError>(DeviceError::readFailed(100 * 512, EIO)));
-  EXPECT_EQ(card.device->read(102 * 512, 512), Bytes(512, 0));  // neighbours read fine
-  EXPECT_THAT([&] { card.device->write(200 * 512, Bytes(512, 1)); },
-              Throws<WriteError>(WriteError::writeFailed(200 * 512, EIO)));
-  card.device->write(201 * 512, Bytes(512, 1));
 }
 
 }  // namespace

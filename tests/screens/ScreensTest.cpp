@@ -248,6 +248,8 @@ TEST(Screens, PutDataBackAfterAnInterruptedQuickCheck) {
   app.click(app.window->home()->runButton(CheckAction::quick));
   app.settle();
   ASSERT_EQ(app.window->currentScreen(), app.window->failure());
+  EXPECT_TRUE(app.window->failure()->message()->text().startsWith(
+      "sdb was removed before the Quick Check"));
   app.fake->onOpen = nullptr;
   app.click(app.window->failure()->findChild<QPushButton*>());
   app.settle();
