@@ -167,16 +167,6 @@ TiffBuilder stripTiff(bool bigEndian) {
   return tiff;
 }
 
-TiffBuilder ifdFirstTiff(bool bigEndian, std::uint32_t secondStrip) {
-  TiffBuilder tiff(bigEndian);
-  tiff.setFirstIfd(8);
-  tiff.ifd(tiffImageFields({0, 0}, {300, secondStrip}));
-  const std::size_t table = 8 + 2 + 12 * 8 + 4;  // the strip offsets follow IFD0
-  tiff.patch(table, tiff.data(filler(300, 0x11)));
-  tiff.patch(table + 4, tiff.data(filler(secondStrip, 0x22)));
-  return tiff;
-}
-
 ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comment,
                      bool zip64End) {
   ZipArchive out;
@@ -184,33 +174,22 @@ ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comm
   std::vector<std::size_t> localAt;
   for (const ZipEntry& e : entries) {
     localAt.push_back(b.size());
-    const bool descriptor = e.descriptor != ZipDescriptor::none;
     const std::uint64_t size = e.data.size();
-    const std::uint64_t stated =
-        descriptor && e.descriptor != ZipDescriptor::withSizesInHeader ? 0 : size;
+    const std::uint64_t stated = e.descriptor ? 0 : size;
     le(b, 4, {0x04034B50});
-    le(b, 2, {e.zip64 ? 45U : 20U, descriptor ? 8U : 0U, e.method});
-    le(b, 4, {0, 0});  // time and date, CRC (not checked)
-    le(b, 4, {e.zip64 ? 0xFFFFFFFF : stated, e.zip64 ? 0xFFFFFFFF : stated});
-    le(b, 2, {e.name.size(), e.zip64 ? 20U : 0U});
+    le(b, 2, {20U, e.descriptor ? 8U : 0U, e.method});
+    le(b, 4, {0, 0, stated, stated});  // time and date, CRC (not checked), sizes
+    le(b, 2, {e.name.size(), 0});
     append(b, e.name);
-    if (e.zip64) {
-      le(b, 2, {1, 16});  // the ZIP64 extra field
-      le(b, 8, {stated, stated});
-    }
     out.dataAt.push_back(b.size());
     append(b, e.data);
-    if (descriptor) {
-      if (e.descriptor != ZipDescriptor::withoutSignature) le(b, 4, {0x08074B50});
-      le(b, 4, {0});
-      le(b, e.zip64 ? 8 : 4, {size, size});
-    }
+    if (e.descriptor) le(b, 4, {0x08074B50, 0, size, size});
   }
   out.directoryAt = b.size();
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const ZipEntry& e = entries[i];
     le(b, 4, {0x02014B50});
-    le(b, 2, {0x031E, 20, e.descriptor != ZipDescriptor::none ? 8U : 0U, e.method});
+    le(b, 2, {0x031E, 20, e.descriptor ? 8U : 0U, e.method});
     le(b, 4, {0, 0, e.data.size(), e.data.size()});
     le(b, 2, {e.name.size(), 0, 0, 0, 0});  // name, extra, comment, disk, attributes
     le(b, 4, {0, localAt[i]});
@@ -256,12 +235,11 @@ Bytes utf16(std::string_view s) {
   return out;
 }
 
-Bytes sampleMp3(std::size_t frames, std::uint32_t tagSize, bool footer) {
-  Bytes t = {'I', 'D', '3', 4, 0, static_cast<std::uint8_t>(footer ? 0x10 : 0)};
+Bytes sampleMp3(std::size_t frames, std::uint32_t tagSize) {
+  Bytes t = {'I', 'D', '3', 4, 0, 0};
   for (int shift = 21; shift >= 0; shift -= 7)
     t.push_back(static_cast<std::uint8_t>((tagSize >> shift) & 0x7F));
   t.resize(10 + tagSize, 0);
-  if (footer) append(t, {'3', 'D', 'I', 4, 0, 0x10, 0, 0, 0, 0});
   for (std::size_t i = 0; i < frames; ++i) {
     append(t, {0xFF, 0xFB, 0x90, 0x00});
     t.resize(t.size() + 413, 0x55);

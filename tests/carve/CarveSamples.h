@@ -111,18 +111,15 @@ std::vector<TiffField> tiffImageFields(std::vector<std::uint32_t> strips,
                                        std::vector<std::uint32_t> lengths);
 // Strips of 300 and 200 bytes, then IFD0 at 508 (as libtiff lays files out).
 TiffBuilder stripTiff(bool bigEndian);
-// IFD0 at 8, its two 8-byte tables, then strips of 300 and secondStrip bytes.
-TiffBuilder ifdFirstTiff(bool bigEndian, std::uint32_t secondStrip = 200);
 
-// ZIP archives: local headers, optional data descriptors, central directory,
-// optional ZIP64 end record and locator, end record with comment.
-enum class ZipDescriptor { none, withSignature, withoutSignature, withSizesInHeader };
+// ZIP archives: local headers, optional signed data descriptors (sizes
+// left out of the header), central directory, optional ZIP64 end record and
+// locator, end record with comment.
 struct ZipEntry {
   std::string name;
   Bytes data = Bytes(100, 0x5A);
   std::uint16_t method = 8;
-  ZipDescriptor descriptor = ZipDescriptor::none;
-  bool zip64 = false;
+  bool descriptor = false;
 };
 struct ZipArchive {
   Bytes bytes;
@@ -137,9 +134,9 @@ ZipArchive sampleZip(const std::vector<ZipEntry>& entries, std::string_view comm
 Bytes sampleOle2(std::uint16_t shift, std::uint32_t fatSectors, const Bytes& body = {});
 Bytes utf16(std::string_view s);
 
-// An ID3v2.4 tag of tagSize bytes, optionally with a footer, then frames
-// of 417 bytes (MPEG-1 Layer III, 128 kbit/s, 44.1 kHz).
-Bytes sampleMp3(std::size_t frames, std::uint32_t tagSize = 300, bool footer = false);
+// An ID3v2.4 tag of tagSize bytes, then frames of 417 bytes (MPEG-1 Layer
+// III, 128 kbit/s, 44.1 kHz).
+Bytes sampleMp3(std::size_t frames, std::uint32_t tagSize = 300);
 
 // A small PDF up to, not including, its end marker.
 Bytes pdfBody(std::string_view version = "1.7");

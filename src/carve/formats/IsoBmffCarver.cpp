@@ -115,8 +115,11 @@ class IsoBmffCarver final : public FormatCarver {
       }
       ++boxes;
     }
-    if (boxes >= 2 && content) return matchFor(pos - start, brand, CarveConfidence::exact);
-    return std::nullopt;
+    if (!(boxes >= 2 && content)) return std::nullopt;
+    // The source ends inside the next box's header: the file may go on.
+    const bool cutShort = pos < limit && pos + 8 > limit && limit == context.size();
+    return matchFor(pos - start, brand,
+                    cutShort ? CarveConfidence::heuristic : CarveConfidence::exact);
   }
 };
 
