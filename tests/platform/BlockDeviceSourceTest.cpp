@@ -22,7 +22,6 @@ using ::testing::ThrowsMessage;
 
 using testing::FuseDisk;
 using testing::LoopDevice;
-constexpr std::uint64_t kMiB = 1 << 20;
 
 // Bytes of [offset, offset + count): never zero, so a zeroed sector stands
 // out, except in the given sectors, which read as zeros.

