@@ -289,18 +289,18 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
   EXPECT_EQ(DeviceWriteAccess::open(modern.inspect())->blockSize(), 4096);
 }
 
+// Opening checks the disk again and unmounts its volumes first; both rules
+// have their own tests on loop devices.
 TEST(DeviceWriteAccess, RefusesADiskThatChangedAndUnmountsOneThatIsMounted) {
   VL_REQUIRE_LOOP_DEVICES();
   if (!findProgram("mkfs.ext4")) GTEST_SKIP() << "needs mkfs.ext4 (e2fsprogs)";
   ImageDisk disk(16 << 20);
-  const std::string changed = "The disk at " + disk.loop.name() +
-                              " changed since you selected it. Nothing was written. Select the "
-                              "card again.";
   DiskIdentity stale = disk.inspect();
   stale.sizeBytes += 512;
-  EXPECT_THAT([&] { DeviceWriteAccess::open(stale); }, ThrowsMessage<WriteError>(changed));
-
-  // A mounted partition is unmounted before the disk is opened.
+  EXPECT_THAT([&] { DeviceWriteAccess::open(stale); },
+              ThrowsMessage<WriteError>("The disk at " + disk.loop.name() +
+                                        " changed since you selected it. Nothing was written. "
+                                        "Select the card again."));
   const std::string partition = disk.partition();
   testing::run({"mkfs.ext4", "-q", partition});
   const std::string mountPoint = disk.dir.file("mnt");
@@ -310,11 +310,6 @@ TEST(DeviceWriteAccess, RefusesADiskThatChangedAndUnmountsOneThatIsMounted) {
   const DiskIdentity identity = disk.inspect();
   EXPECT_NE(DeviceWriteAccess::open(identity), nullptr);
   EXPECT_TRUE(DeviceGuard::mountedVolumes(identity.deviceIdentifier).empty());
-
-  // The image grows after selection: the identity no longer matches.
-  fs::resize_file(disk.image, 32 << 20);
-  testing::run({"losetup", "--set-capacity", disk.loop.path()});
-  EXPECT_THAT([&] { DeviceWriteAccess::open(identity); }, ThrowsMessage<WriteError>(changed));
 }
 
 }  // namespace
