@@ -115,7 +115,7 @@ class IsoBmffCarver final : public FormatCarver {
       }
       ++boxes;
     }
-    if (!(boxes >= 2 && content)) return std::nullopt;
+    if (boxes < 2 || !content) return std::nullopt;
     // The source ends inside the next box's header: the file may go on.
     const bool cutShort = pos < limit && pos + 8 > limit && limit == context.size();
     return matchFor(pos - start, brand,
