@@ -1,4 +1,4 @@
-# Sourced by the benchmarks that run on a FUSE disk (tests/fusedisk). Set
+# Sourced by the benchmarks that run on a FUSE disk (tools/fusedisk). Set
 # $fusedisk (the server) and $dir (a scratch folder) first.
 #   start_disk SIZE [SERVER OPTIONS...]  serves a fresh disk, attached as $loop
 #   stop_disk                            detaches and unmounts it

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The Quick Check against f3probe on the same counterfeit geometries: a FUSE
-# disk (tests/fusedisk) throttled to 100 MB/s writing and 200 MB/s reading,
+# disk (tools/fusedisk) throttled to 100 MB/s writing and 200 MB/s reading,
 # attached as a loop device, fresh for each tool. Prints the verdicts, the
 # real sizes found and the wall times side by side. Needs root, f3 (apt-get
 # install f3) and a build with the tests.
@@ -9,7 +9,7 @@ set -euo pipefail
 build=${1:?build directory}
 runs=${2:-3}
 cli="$build/apps/cli/vellum-check"
-fusedisk="$build/tests/fusedisk/vellum-fusedisk"
+fusedisk="$build/tools/fusedisk/vellum-fusedisk"
 command -v f3probe >/dev/null || { echo "f3probe not found: apt-get install f3" >&2; exit 2; }
 dir=$(mktemp -d /tmp/vellum-f3-XXXXXX)
 # shellcheck source=bench/fuse-disk.sh

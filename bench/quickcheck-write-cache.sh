@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # What the Quick Check's cache flush costs and what it catches: a FUSE disk
-# (tests/fusedisk) throttled like a slow card, 20 MB/s writing and 90 MB/s
+# (tools/fusedisk) throttled like a slow card, 20 MB/s writing and 90 MB/s
 # reading, attached as a loop device. For a genuine 32 GB card and a 32 GB
 # fake holding 4 GiB with a 64 MiB write cache, runs the Quick Check with the
 # flush (80 MiB, as shipped) and without it (0), RUNS times each, and prints
@@ -11,7 +11,7 @@ set -euo pipefail
 build=${1:?build directory}
 runs=${2:-3}
 run="$build/bench/vellum-quick-run"
-fusedisk="$build/tests/fusedisk/vellum-fusedisk"
+fusedisk="$build/tools/fusedisk/vellum-fusedisk"
 dir=$(mktemp -d /tmp/vellum-cache-XXXXXX)
 # shellcheck source=bench/fuse-disk.sh
 source "$(dirname "$0")/fuse-disk.sh"
