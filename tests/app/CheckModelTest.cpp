@@ -15,7 +15,6 @@ namespace vellum {
 namespace {
 
 using testing::FakePlatform;
-using Verdict = QuickCheck::Result::Verdict;
 
 void useSettings(std::initializer_list<std::pair<QString, QVariant>> values) {
   QSettings settings;
@@ -47,74 +46,7 @@ struct Fixture {
     ASSERT_TRUE(QTest::qWaitFor([&] { return !model->isRunning(); }, 60'000));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !model->isRefreshing(); }, 10'000));
   }
-  template <class Outcome>
-  const Outcome& outcome() const {
-    return std::get<Outcome>(std::get<CheckModel::Result>(model->stage()).outcome);
-  }
-  std::string failure() const {
-    const auto* failed = std::get_if<CheckModel::Failed>(&model->stage());
-    return failed ? failed->message.toStdString() : "(no failure)";
-  }
 };
-
-TEST(CheckModelTest, DemoCardsGoFromHomeThroughARunToTheResultAndBack) {
-  Fixture f(true);
-  EXPECT_EQ(f.model->step(), 0);
-  EXPECT_EQ(f.model->stepStatus(), "Insert a card or drive and choose it below.");
-  f.refresh();
-  // Demo mode lists the three demo cards only, never the real disk.
-  ASSERT_EQ(f.model->cards(),
-            (CheckModel::CardList{Card{SimulatedCard::genuine}, Card{SimulatedCard::fake},
-                                  Card{SimulatedCard::failing}}));
-  EXPECT_EQ(f.model->selected(), Card{SimulatedCard::genuine});
-  EXPECT_EQ(f.model->step(), 1);
-  EXPECT_EQ(f.model->stepStatus(),
-            "Pick a test. Quick Check is the place to start: about a "
-            "minute, and it keeps your files.");
-
-  QSignalSpy stages(f.model.get(), &CheckModel::stageChanged);
-  f.model->run(CheckAction::quick);
-  EXPECT_EQ(f.model->stage(), CheckModel::Stage{CheckModel::Running{CheckAction::quick}});
-  EXPECT_EQ(f.model->step(), 2);
-  EXPECT_EQ(f.model->stepStatus(), "Quick Check is starting\u2026");
-  EXPECT_EQ(f.model->statusLine(), "Starting\u2026");
-  f.model->run(CheckAction::wipe);  // one run at a time: ignored
-  f.settle();
-  EXPECT_EQ(stages.count(), 2);
-  EXPECT_EQ(f.outcome<QuickCheck::Result>().verdict, Verdict::genuine);
-  EXPECT_EQ(f.model->step(), 4);
-  EXPECT_EQ(f.model->stepStatus(),
-            "Quick Check finished. The verdict and what to do next are below.");
-  EXPECT_FALSE(f.model->progress());
-  EXPECT_FALSE(f.model->speedHistory().isEmpty());
-  EXPECT_EQ(f.model->statusLine(),
-            "Writing test blocks across the card, then putting your data back.");
-
-  f.model->done();
-  EXPECT_EQ(f.model->stage(), CheckModel::Stage{CheckModel::Home{}});
-  // A failed run goes back to step 1 with the lower layer's sentence.
-  f.model->run(CheckAction::format, std::nullopt, FormatChoice{FileSystem::fat32, "X"});
-  f.settle();
-  EXPECT_EQ(f.failure(), "Simulated cards can't be formatted.");
-  EXPECT_EQ(f.model->step(), 1);
-  EXPECT_EQ(f.model->stepStatus(), "The test couldn't finish. See the message below.");
-  f.model->done();
-  EXPECT_EQ(f.model->stage(), CheckModel::Stage{CheckModel::Home{}});
-}
-
-TEST(CheckModelTest, AStoppedRunGoesHomeWithoutAFailure) {
-  Fixture f(true);
-  f.refresh();
-  QSignalSpy notices(f.model.get(), &CheckModel::notice);
-  f.model->run(CheckAction::full);
-  ASSERT_TRUE(QTest::qWaitFor([&] { return f.model->progress().has_value(); }, 10'000));
-  f.model->cancelFlag().cancel();
-  f.settle();
-  EXPECT_EQ(f.model->stage(), CheckModel::Stage{CheckModel::Home{}});
-  EXPECT_FALSE(f.model->progress());
-  ASSERT_EQ(notices.count(), 1);
-  EXPECT_TRUE(notices[0][0].toString().contains("partly overwritten"));
-}
 
 // Progress is fed by hand while the run waits on the card opening.
 TEST(CheckModelTest, ProgressKeepsTheLast400SamplesOfPhasesThatMoveData) {

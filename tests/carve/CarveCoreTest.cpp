@@ -12,13 +12,6 @@
 namespace vellum::testing {
 namespace {
 
-TEST(CarverRegistryTest, ChoosesCarversByCategory) {
-  std::vector<std::string_view> ids;
-  for (const FormatCarver* carver : CarverRegistry::carvers({FormatCategory::documents}))
-    ids.push_back(carver->id());
-  EXPECT_EQ(ids, (std::vector<std::string_view>{"pdf", "zip", "ole2"}));
-}
-
 TEST(ReadContextTest, ReadsAreClampedAndWindowsServeOnlyWholeRanges) {
   Bytes counting(100);
   for (std::size_t i = 0; i < counting.size(); ++i)

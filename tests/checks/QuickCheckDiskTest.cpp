@@ -54,18 +54,13 @@ QuickCheck::Result quickCheck(const FuseDisk::Options& options, QuickCheck check
   return result;
 }
 
-TEST(QuickCheckOnDisks, CatchesEveryCounterfeitGeometryAndMeasuresItsRealCapacity) {
+TEST(QuickCheckOnDisks, MeasuresTheRealCapacityOfLargeFakes) {
   VL_REQUIRE_FUSE_DISKS();
+  // The geometries of the in-memory tests at sizes only a disk can hold.
   const std::tuple<std::uint64_t, std::uint64_t, Overflow> fakes[] = {
-      // claimed, really stored, what happens past it
-      {3 * GiB, 1 * GiB, Overflow::wrap},          {12 * GiB, 1 * GiB, Overflow::wrap},
-      {1500 * GiB, 1 * GiB, Overflow::wrap},       {64 * GB, 4 * GiB, Overflow::wrap},
-      {1000 * GB, 8 * GiB, Overflow::wrap},        {2000 * GB, 32 * GiB, Overflow::wrap},
-      {128 * GB, 64 * GiB, Overflow::wrap},        {1 * GB, 16 * MiB, Overflow::wrap},
-      {2000 * GB, 16 * MiB, Overflow::wrap},       {32 * GB, 7'500'000'000, Overflow::discard},
-      {1 * GB, 500'000'000, Overflow::discard},    {2000 * GB, 100 * MiB, Overflow::discard},
-      {16 * GB, 3 * GiB, Overflow::combined},      {256 * GB, 48 * GiB, Overflow::combined},
-      {2000 * GB, 6000 * MiB, Overflow::combined}, {1 * GB, 20 * MiB, Overflow::combined},
+      {1500 * GiB, 1 * GiB, Overflow::wrap},
+      {32 * GB, 7'500'000'000, Overflow::discard},
+      {256 * GB, 48 * GiB, Overflow::combined},
   };
   for (const auto& [claimed, real, overflow] : fakes) {
     const auto r = quickCheck({.size = claimed, .realCapacity = real, .overflow = overflow});
@@ -74,13 +69,10 @@ TEST(QuickCheckOnDisks, CatchesEveryCounterfeitGeometryAndMeasuresItsRealCapacit
     EXPECT_LE(r.verifiedBytes, real) << name;
     EXPECT_GE(r.verifiedBytes, real - real / 1000) << name;
   }
-  for (const std::uint64_t size : {std::uint64_t{7'948'206'080}, std::uint64_t{1'000'204'886'016},
-                                   std::uint64_t{31'914'983'424}}) {
-    const auto r = quickCheck({.size = size});
-    EXPECT_EQ(std::tuple(r.verdict, r.verifiedBytes, r.pointsIntact),
-              std::tuple(Verdict::genuine, size / 4096 * 4096, r.pointsTested))
-        << size;
-  }
+  const std::uint64_t size = 1'000'204'886'016;
+  const auto r = quickCheck({.size = size});
+  EXPECT_EQ(std::tuple(r.verdict, r.verifiedBytes, r.pointsIntact),
+            std::tuple(Verdict::genuine, size / 4096 * 4096, r.pointsTested));
 }
 
 // A fake whose controller keeps the last 64 MiB written in memory answers the

@@ -35,12 +35,10 @@ TEST(DiskFormatter, RecommendsExfatAbove32GigabytesAndSanitizesNamesForEveryCame
       {"Holiday-Photos-2024", "HOLIDAYPHOT"},
       {"---", "UNTITLED"},
       {"\xC3\xA9t\xC3\xA9", "T"},  // été: only the plain letter survives
-      {"a_b.c", "A_BC"},
       {"stra\xC3\x9F"
        "e",
-       "STRASSE"},                           // ß upper-cases to SS
-      {"\xEF\xAC\x81le \xC4\xB1", "FILEI"},  // the ﬁ ligature and dotless ı
-      {"\xFF\xFEok\xC3", "OK"},              // malformed UTF-8 is skipped
+       "STRASSE"},               // ß upper-cases to SS
+      {"\xFF\xFEok\xC3", "OK"},  // malformed UTF-8 is skipped
       {"\xC3\x9F\xC3\x9F\xC3\x9F\xC3\x9F\xC3\x9F\xC3\x9F", "SSSSSSSSSSS"},  // 11 at most
   };
   for (const auto& [name, expected] : names)
@@ -53,10 +51,8 @@ TEST(DiskFormatter, LayoutFollowsTheCapacityAndKeepsTheChosenFileSystem) {
       // Small FAT32 volumes leave the cluster to mkfs.fat; 32 KiB from ~2.1 GiB.
       {fat, 2 * kGiB, {fat, 0, 4 * kMiB, 0x0C}},
       {fat, 2 * kGiB + 4 * kMiB, {fat, 32768, 4 * kMiB, 0x0C}},
-      {fat, 64 * kGiB, {fat, 32768, 16 * kMiB, 0x0C}},
       {ex, 32 * kGiB, {ex, 32768, 4 * kMiB, 0x07}},
       {ex, 32 * kGiB + 1, {ex, 131072, 16 * kMiB, 0x07}},
-      {ex, 128 * kGiB, {ex, 131072, 16 * kMiB, 0x07}},
       {ex, 512 * kGiB, {ex, 262144, 32 * kMiB, 0x07}},
       {ex, 512 * kGiB + 1, {ex, 524288, 64 * kMiB, 0x07}},
   };
@@ -100,10 +96,8 @@ TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
       {{512, 32, 2, 4096}, 4 * kMiB, 8192, 4 * kMiB},
       // 8192 - 8180 would leave 12 reserved sectors, too few for FAT32.
       {{512, 32, 2, 4090}, 4 * kMiB, 16384 - 8180, 4 * kMiB},
-      {{4096, 32, 2, 100}, 16 * kMiB, 4096 - 200, 16 * kMiB},
       // 131,072 - 200 reserved sectors don't fit 16 bits: the next smaller boundary.
       {{512, 32, 2, 100}, 64 * kMiB, 65536 - 200, 32 * kMiB},
-      {{512, 32, 2, 32000}, 32 * kMiB, 65536 - 64000, 32 * kMiB},
       {{512, 32, 2, 32760}, 32 * kMiB, 98304 - 65520, 16 * kMiB},
   };
   for (const auto& [start, alignment, expected, reached] : cases) {
@@ -117,8 +111,7 @@ TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
   // program, and the data area lands on at least a 16 MiB boundary.
   if (!findProgram("mkfs.fat")) GTEST_SKIP() << "needs mkfs.fat";
   testing::TempDir dir;
-  for (const std::uint64_t size : {128 * kGiB, 512 * kGiB, std::uint64_t{1'000'204'886'016},
-                                   std::uint64_t{2'000'398'934'016}}) {
+  for (const std::uint64_t size : {128 * kGiB, std::uint64_t{2'000'398'934'016}}) {
     const std::string image = dir.file("fat.img");
     testing::createSparseFile(image, size);
     ASSERT_TRUE(runProcess({"mkfs.fat", "-F", "32", "-s", "64", image}).status.succeeded());
@@ -210,7 +203,6 @@ TEST_P(FormatOnLoopDevice, LeavesOneAlignedPartitionWithTheLabel) {
 INSTANTIATE_TEST_SUITE_P(
     SdCardSizes, FormatOnLoopDevice,
     ::testing::Values(FormatCase{256 * kMiB, FileSystem::fat32, 4 * kMiB, 0},
-                      FormatCase{4 * kGiB, FileSystem::exfat, 4 * kMiB, 32768},
                       FormatCase{64 * kGiB, FileSystem::fat32, 16 * kMiB, 32768},
                       FormatCase{64 * kGiB, FileSystem::exfat, 16 * kMiB, 131072},
                       FormatCase{4 * kGiB, FileSystem::fat32, 4 * kMiB, 32768, 4096},

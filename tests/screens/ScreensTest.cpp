@@ -208,6 +208,8 @@ TEST(Screens, StopReturnsHomeAndDisksAskForTheirOwnName) {
                                           "been partly overwritten"));
   app.settle();
   EXPECT_EQ(app.window->currentScreen(), app.window->home());
+  EXPECT_TRUE(app.prompts.asked.back().contains("is now partly overwritten"))
+      << app.prompts.asked.back().toStdString();
 
   app.click(app.window->home()->formatButton());
   sheet = app.sheet();

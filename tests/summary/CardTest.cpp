@@ -64,7 +64,6 @@ TEST(CardTest, TextsOfDemoCardsAndDisks) {
       {{SimulatedCard::genuine}, "sim-genuine|Demo card (genuine)|Simulated in memory|268.4 MB|card"},
       // The fake card shows what it claims, never its real 96 MiB.
       {{SimulatedCard::fake}, "sim-fake|Demo card (fake)|Simulated in memory|536.9 MB|card"},
-      {{SimulatedCard::failing}, "sim-failing|Demo card (failing)|Simulated in memory|268.4 MB|card"},
       {{kFlashDrive}, "sdb|KINGSTON|sdb · Generic Flash Disk|32 GB|drive"},
       {{ExternalDisk{"sdc", "Built In SDXC Reader", 63'864'569'856, {}}},
        "sdc|Built In SDXC Reader|sdc · Built In SDXC Reader|63.9 GB|card"},

@@ -98,10 +98,6 @@ struct Row {
 const std::string kCardTail =
     " | The card now holds test data. Format it before putting it back in your camera.";
 const std::string kDriveTail = " | The drive now holds test data. Format it before use.";
-const std::string kRated = "good checkmark.seal.fill | Genuine, rated ";
-const std::string kEveryBlock =
-    "Every block of the 536.9 MB card stored data correctly. It sustains 12.3 MB/s writing, good "
-    "for ";
 
 // clang-format off
 TEST(ResultSummaryTest, VerdictTexts) {
@@ -112,24 +108,18 @@ TEST(ResultSummaryTest, VerdictTexts) {
       // A drive gets no speed rating, however fast it is.
       {full(FV::genuine, SpeedClass::v30, 32'000'000'000, 32'000'000'000), kFlashDrive, "good checkmark.seal.fill | Genuine capacity | Every block of the 32 GB drive stored data correctly. It sustains 12.3 MB/s writing." + kDriveTail},
       {full(FV::genuine, std::nullopt), kSdReader, "good checkmark.seal.fill | Genuine, but slow | Every block stored data correctly, but it writes slower than 2 MB/s, below any SD speed class." + kCardTail},
-      {full(FV::genuine, SpeedClass::class6), kDemoGenuine, kRated + "Class 6 | " + kEveryBlock + "standard-definition video and photos." + kCardTail},
-      {full(FV::genuine, SpeedClass::v30, 32'000'000'000, 32'000'000'000), kDemoGenuine, kRated + "U3 / V30 | Every block of the 32 GB card stored data correctly. It sustains 12.3 MB/s writing, good for 4K video at typical bitrates." + kCardTail},
+      {full(FV::genuine, SpeedClass::v30, 32'000'000'000, 32'000'000'000), kDemoGenuine, "good checkmark.seal.fill | Genuine, rated U3 / V30 | Every block of the 32 GB card stored data correctly. It sustains 12.3 MB/s writing, good for 4K video at typical bitrates." + kCardTail},
       {full(FV::counterfeit, std::nullopt), kDemoFake, "bad xmark.octagon.fill | Fake capacity | This card claims 536.9 MB but really holds 100.7 MB. Anything written beyond that is lost or overwrites earlier files. | Ask the seller for a refund. Save this report as evidence. | Don't use it in a camera: you'd lose photos without warning." + kCardTail},
-      {full(FV::counterfeit, std::nullopt), kFlashDrive, "bad xmark.octagon.fill | Fake capacity | This drive claims 536.9 MB but really holds 100.7 MB. Anything written beyond that is lost or overwrites earlier files. | Ask the seller for a refund. Save this report as evidence. | Don't store anything on it: files past the real size are lost without warning." + kDriveTail},
-      {full(FV::failing), kSdReader, "warning exclamationmark.triangle.fill | Failing card | 7 blocks didn't store data correctly. The card is wearing out or damaged. | Replace this card. Bad areas tend to grow." + kCardTail},
       {full(FV::failing), kFlashDrive, "warning exclamationmark.triangle.fill | Failing drive | 7 blocks didn't store data correctly. The drive is wearing out or damaged. | Replace this drive. Bad areas tend to grow." + kDriveTail},
       {health(HV::healthy, 0, 0), kDemoGenuine, "good checkmark.seal.fill | Healthy | Every block of the card could be read, at a steady speed."},
-      {health(HV::slowAreas, 0, 1), kSdReader, "warning tortoise.fill | Some slow areas | Everything could be read, but 1 area was much slower than the rest, an early sign of wear. | Back up what's on it, and keep an eye on this card."},
       {health(HV::slowAreas, 0, 2), kFlashDrive, "warning tortoise.fill | Some slow areas | Everything could be read, but 2 areas were much slower than the rest, an early sign of wear. | Back up what's on it, and keep an eye on this drive."},
       {health(HV::unreadableAreas, 1, 0, 8'388'608), kNoCard, "bad bandage.fill | Unreadable areas | 8.4 MB in 1 area couldn't be read. Files stored there are damaged. | Use Vellum Recover to rescue what you can, then replace the card."},
       // Unreadable areas win over slow ones; lengths add up: 3 × 1024 bytes.
       {health(HV::unreadableAreas, 3, 2), kFlashDrive, "bad bandage.fill | Unreadable areas | 3 KB in 3 areas couldn't be read. Files stored there are damaged. | Use Vellum Recover to rescue what you can, then replace the drive."},
       {Formatted{FileSystem::exfat, "CAMERA"}, kFlashDrive, "good checkmark.seal.fill | Ready for your camera | Formatted as exFAT with the name CAMERA. For best results, also format it once in the camera itself."},
       {wipe(0, 0, 0), kDemoGenuine, "good checkmark.seal.fill | Wiped and verified | The whole card was overwritten and read back, and the Vellum Recover engine found no recoverable files. | Format the card to use it in a camera again."},
-      {wipe(0, 0, 0), kFlashDrive, "good checkmark.seal.fill | Wiped and verified | The whole drive was overwritten and read back, and the Vellum Recover engine found no recoverable files. | Format the drive before using it again."},
       // Anything left over (a failed write, a block not erased, a file found) makes it incomplete.
       {wipe(1, 0, 0), kNoCard, "bad xmark.octagon.fill | Wipe incomplete | Some of the card couldn't be overwritten. Don't rely on it being erased. | The card may be failing. For sensitive data, physically destroy it. | Format the card to use it in a camera again."},
-      {wipe(0, 0, 1), kDemoGenuine, "bad xmark.octagon.fill | Wipe incomplete | Some of the card couldn't be overwritten. Don't rely on it being erased. | The card may be failing. For sensitive data, physically destroy it. | Format the card to use it in a camera again."},
   };
   for (std::size_t i = 0; i < std::size(rows); ++i)
     EXPECT_EQ(verdictLine(ResultSummary(rows[i].outcome, rows[i].card)), rows[i].expected) << "row " << i;
@@ -142,13 +132,10 @@ TEST(ResultSummaryTest, FactsChartAndFormatOffer) {
   const std::string healthTail = "; Read speed: 90.0 MB/s average, 3.1 MB/s slowest; Took: Under a second | Read speed across the card | no format | 91 3.2 90";
   const Row rows[] = {
       {quick(QV::counterfeit), kNoCard, "Claimed capacity: 536.9 MB; Verified capacity: 100.7 MB; Test points: 190 good, 830 wrapped, 4 failed; Read speed (sample): 23.5 MB/s; Took: 2m 30s | Write speed across the card | no format |"},
-      {quick(QV::genuine), kFlashDrive, "Drive: KINGSTON (32 GB); Claimed capacity: 536.9 MB; Verified capacity: 100.7 MB; Test points: 190 good, 830 wrapped, 4 failed; Read speed (sample): 23.5 MB/s; Took: 2m 30s | Write speed across the drive | no format |"},
       {full(FV::failing), kNoCard, fullFacts + "Speed class: Class 10 / U1 / V10; Took: 1h 5m | Write speed across the card | format | 14 13.5 12"},
-      {full(FV::genuine, std::nullopt), kSdReader, "Card: Built In SDXC Reader (63.9 GB); " + fullFacts + "Speed class: None; Took: 1h 5m | Write speed across the card | format | 14 13.5 12"},
       {full(FV::counterfeit, std::nullopt), kDemoFake, "Card: Demo card (fake) (536.9 MB); " + fullFacts + "Speed class: None; Took: 1h 5m | Write speed across the card | format | 14 13.5 12"},
       {full(FV::genuine, SpeedClass::v90), kFlashDrive, "Drive: KINGSTON (32 GB); " + fullFacts + "Took: 1h 5m | Write speed across the drive | format | 14 13.5 12"},
       {health(HV::healthy, 0, 0), kDemoGenuine, healthFacts + "None; Slow areas: None" + healthTail},
-      {health(HV::unreadableAreas, 2, 3), kDemoGenuine, healthFacts + "2 area(s); Slow areas: 3" + healthTail},
       {health(HV::healthy, 0, 0), kFlashDrive, "Drive: KINGSTON (32 GB); Scanned: 268.4 MB; Unreadable: None; Slow areas: None; Read speed: 90.0 MB/s average, 3.1 MB/s slowest; Took: Under a second | Read speed across the drive | no format | 91 3.2 90"},
       {Formatted{FileSystem::exfat, "CAMERA"}, kFlashDrive, "Drive: KINGSTON (32 GB); File system: exFAT; Name: CAMERA | Write speed across the drive | no format |"},
       {wipe(2, 16'384, 3, Wipe::Method::random, 3600), kDemoGenuine, "Card: Demo card (genuine) (268.4 MB); Overwritten: 268.4 MB; Method: One pass of random data; Blocks not erased: 16384; Recoverable files afterwards: 3; Took: 1h | Write speed across the card | format | 48 47.5"},
