@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <regex>
 
 #include "CarveSamples.h"
@@ -45,7 +46,7 @@ TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
   const ProcessResult catalog = cli({"carve", image, "--out", audio.string(), "--catalog",
                                      "--categories", "audio", "--stride", "4096"});
   EXPECT_EQ(catalog.exitCode, 0) << catalog.err;
-  EXPECT_EQ(decodeReportJson(readText(audio / "vellum-report.json")).files.size(), 1U);
+  EXPECT_EQ(decodeReportJson(readFile(audio / "vellum-report.json")).files.size(), 1U);
   EXPECT_FALSE(fs::exists(audio / "WAV"));
 
   const std::string listing = (out / "vellum-report.json").string();
@@ -65,7 +66,7 @@ TEST_F(CarveCommandTest, CarvesFilesAndExportsThoseUnchangedSinceTheScan) {
                              ".\n1 changed since the scan and were not saved.\n");
   // A report naming a file past the end of the source saves nothing.
   const std::string past = temp.file("past.json");
-  writeFile(past, std::regex_replace(readText(listing), std::regex("\"start\": 512"),
+  writeFile(past, std::regex_replace(readFile(listing), std::regex("\"start\": 512"),
                                      "\"start\": 1048000"));
   const ProcessResult refused = cli({"export", past, image, "--out", temp.file("nowhere")});
   EXPECT_EQ(refused.exitCode, 2) << refused.err;

@@ -206,7 +206,7 @@ TEST(CarveEngineTest, OutputModesWriteFilesAndTheReport) {
   EXPECT_EQ(report.files[1].outputPath, (out / "JPG" / "f2048.jpg").string());
   EXPECT_EQ(readBytes(*report.files[1].outputPath), jpeg);
   EXPECT_EQ(report.files[1].headDigest, CarvedFile::digestHead(jpeg));  // shorter than 4096
-  EXPECT_EQ(decodeReportJson(readText(out / "vellum-report.json")), report);
+  EXPECT_EQ(decodeReportJson(readFile(out / "vellum-report.json")), report);
   EXPECT_EQ(report.sourceDescription, "memory(3000000 bytes)");
   EXPECT_EQ(report.countsByExt(), (std::map<std::string, std::int64_t>{{"jpg", 1}, {"png", 1}}));
   EXPECT_FALSE(report.cancelled);
@@ -220,7 +220,7 @@ TEST(CarveEngineTest, OutputModesWriteFilesAndTheReport) {
   ASSERT_EQ(listed.files.size(), 2U);
   EXPECT_EQ(listed.files[0].outputPath, std::nullopt);
   EXPECT_EQ(std::distance(fs::directory_iterator(catalog), fs::directory_iterator()), 1);
-  EXPECT_EQ(decodeReportJson(readText(catalog / "vellum-report.json")), listed);
+  EXPECT_EQ(decodeReportJson(readFile(catalog / "vellum-report.json")), listed);
 }
 
 TEST(CarveEngineTest, HeadThatCannotBeReadLeavesTheDigestOut) {
@@ -236,7 +236,7 @@ TEST(CarveEngineTest, HeadThatCannotBeReadLeavesTheDigestOut) {
       CarveEngine(source, carveConfig(temp.path(), Mode::catalog, 4096)).run();
   ASSERT_EQ(report.files.size(), 1U);
   EXPECT_EQ(report.files[0].headDigest, std::nullopt);
-  EXPECT_EQ(readText(temp.path() / "vellum-report.json").find("headDigest"), std::string::npos);
+  EXPECT_EQ(readFile(temp.path() / "vellum-report.json").find("headDigest"), std::string::npos);
 }
 
 TEST(CarveEngineTest, CancelAtTheThirdChunkKeepsWhatWasFound) {
@@ -261,7 +261,7 @@ TEST(CarveEngineTest, CancelAtTheThirdChunkKeepsWhatWasFound) {
   EXPECT_EQ(progress.back().filesFound, 1);
   EXPECT_EQ(progress.back().countsByExt, (std::map<std::string, std::int64_t>{{"gif", 1}}));
   EXPECT_EQ(progress.back().bytesRecovered, sampleGif().size());
-  EXPECT_TRUE(decodeReportJson(readText(temp.path() / "vellum-report.json")).cancelled);
+  EXPECT_TRUE(decodeReportJson(readFile(temp.path() / "vellum-report.json")).cancelled);
 }
 
 TEST(CarveEngineTest, CancelFromAnotherThreadStopsInsideALargeChunk) {

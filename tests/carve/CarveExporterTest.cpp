@@ -64,7 +64,7 @@ TEST_F(CarveExporterTest, CopiesCheckedFilesAndListsThem) {
   EXPECT_EQ(readBytes(*result.saved[1].outputPath), big);
   EXPECT_EQ(progress, (std::vector<std::pair<std::size_t, std::size_t>>{{0, 2}, {1, 2}}));
   EXPECT_EQ(
-      nlohmann::json::parse(readText(folder / "vellum-report.json")).get<std::vector<CarvedFile>>(),
+      nlohmann::json::parse(readFile(folder / "vellum-report.json")).get<std::vector<CarvedFile>>(),
       result.saved);
 
   writeFile(temp.file("plain"), "x");

@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <ostream>
-#include <sstream>
 
 #include "bytes/MemorySource.h"
 #include "bytes/Precondition.h"
@@ -24,14 +22,8 @@ inline Bytes cut(const Bytes& data, std::size_t count) {
   return Bytes(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-inline std::string readText(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 inline Bytes readBytes(const std::filesystem::path& path) {
-  const std::string text = readText(path);
+  const std::string text = readFile(path);
   return Bytes(text.begin(), text.end());
 }
 

@@ -54,27 +54,6 @@ QuickCheck::Result quickCheck(const FuseDisk::Options& options, QuickCheck check
   return result;
 }
 
-TEST(QuickCheckOnDisks, MeasuresTheRealCapacityOfLargeFakes) {
-  VL_REQUIRE_FUSE_DISKS();
-  // The geometries of the in-memory tests at sizes only a disk can hold.
-  const std::tuple<std::uint64_t, std::uint64_t, Overflow> fakes[] = {
-      {1500 * GiB, 1 * GiB, Overflow::wrap},
-      {32 * GB, 7'500'000'000, Overflow::discard},
-      {256 * GB, 48 * GiB, Overflow::combined},
-  };
-  for (const auto& [claimed, real, overflow] : fakes) {
-    const auto r = quickCheck({.size = claimed, .realCapacity = real, .overflow = overflow});
-    const auto name = std::to_string(claimed) + " over " + std::to_string(real);
-    EXPECT_EQ(r.verdict, Verdict::counterfeit) << name;
-    EXPECT_LE(r.verifiedBytes, real) << name;
-    EXPECT_GE(r.verifiedBytes, real - real / 1000) << name;
-  }
-  const std::uint64_t size = 1'000'204'886'016;
-  const auto r = quickCheck({.size = size});
-  EXPECT_EQ(std::tuple(r.verdict, r.verifiedBytes, r.pointsIntact),
-            std::tuple(Verdict::genuine, size / 4096 * 4096, r.pointsTested));
-}
-
 // A fake whose controller keeps the last 64 MiB written in memory answers the
 // read-back of every test block from there. Unless more than that is written
 // in between, it passes as genuine.

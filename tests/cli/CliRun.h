@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "bytes/FileSource.h"
 #include "support/Subprocess.h"
 #include "support/TempDir.h"
 
@@ -78,12 +77,6 @@ inline std::string randomBytes(std::size_t size, unsigned seed) {
     std::memcpy(bytes.data() + i, &word, 8);
   }
   return bytes;
-}
-
-inline std::string readAll(const std::string& path) {
-  FileSource source(path);
-  const Bytes bytes = source.read(0, static_cast<std::int64_t>(source.size()));
-  return {bytes.begin(), bytes.end()};
 }
 
 // One JSON document per non-empty line.

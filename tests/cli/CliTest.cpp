@@ -131,7 +131,7 @@ TEST(Cli, BadInputGetsAClearMessageAndWritesNothing) {
     EXPECT_TRUE(c.exitCode == 0 || result.out.empty()) << result.out;
     EXPECT_FALSE(contains(result.err, "terminate called")) << "uncaught exception";
   }
-  EXPECT_TRUE(readAll(image) == content) << "a refused command wrote to the image";
+  EXPECT_TRUE(readFile(image) == content) << "a refused command wrote to the image";
 }
 
 TEST(Cli, ImageFilesAreTestedAndCopied) {
@@ -156,7 +156,7 @@ TEST(Cli, ImageFilesAreTestedAndCopied) {
                        "Add --force to replace it."))
       << kept.err;
   EXPECT_EQ(cli({"image", image, dir.file("copy.img"), "--force"}, false).exitCode, 0);
-  EXPECT_TRUE(readAll(dir.file("copy.img")) == content);
+  EXPECT_TRUE(readFile(dir.file("copy.img")) == content);
 }
 
 // Ctrl-C, a closed terminal or Ctrl-\ stops the Quick Check, which puts
@@ -174,7 +174,7 @@ TEST(Cli, InterruptedQuickCheckRestoresTheCard) {
                          "The test was stopped.\r\nEverything the Quick Check "
                          "wrote was put back"))
         << run.result.out;
-    EXPECT_TRUE(readAll(image) == content) << "the stopped check left test blocks behind";
+    EXPECT_TRUE(readFile(image) == content) << "the stopped check left test blocks behind";
   }
 }
 

@@ -21,7 +21,8 @@ class TempDir {
   std::filesystem::path path_;
 };
 
-// Writes bytes to a new file (replacing it).
+// Writes bytes to a new file (replacing it), and reads a whole file back.
 void writeFile(const std::string& path, const std::string& bytes);
+std::string readFile(const std::filesystem::path& path);
 
 }  // namespace vellum::testing
