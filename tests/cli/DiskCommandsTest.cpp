@@ -224,10 +224,17 @@ TEST(CliDisk, DrivesOver4TBAreRefusedWithTheCommandThatChecksThemFirst) {
   }
 }
 
-// Copies of a failing disk keep going past its bad sectors and say how many
-// they hold as zeros.
-TEST(CliDisk, CopiesOfAFailingDiskHoldZerosForItsBadSectors) {
+// Slow areas alone are not a good verdict; copies of a failing disk keep
+// going past its bad sectors and say how many they hold as zeros.
+TEST(CliDisk, FailingFuseDisksExitWithOne) {
   VL_REQUIRE_FUSE_DISKS();
+  // Read-only: no guard, so no VL_ALLOW_DISK_IMAGES needed.
+  FuseDisk slow({.size = 64 * kMiB, .slow = {{40000, 40000}}, .delayMs = 400});
+  LoopDevice slowLoop(slow.file(), {.directIo = true});
+  const ProcessResult slowScan = cli({"health", slowLoop.name(), "--json"}, false);
+  EXPECT_EQ(slowScan.exitCode, 1) << slowScan.err;
+  EXPECT_EQ(nlohmann::json::parse(slowScan.out).at("verdict"), "slowAreas") << slowScan.out;
+
   FuseDisk small({.size = 4 * kMiB, .unreadable = {{100, 101}, {5000, 5000}}});
   LoopDevice smallLoop(small.file(), {.directIo = true});
   TempDir dir;
