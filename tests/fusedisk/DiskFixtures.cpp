@@ -85,23 +85,10 @@ void LoopDevice::updatePartitions() const {
   run({"partx", "--update", path_});
 }
 
-namespace {
-const char* overflowName(SimulatedDevice::Overflow overflow) {
-  switch (overflow) {
-    case SimulatedDevice::Overflow::wrap:
-      return "wrap";
-    case SimulatedDevice::Overflow::discard:
-      return "discard";
-    case SimulatedDevice::Overflow::combined:
-      return "combined";
-  }
-  return "wrap";
-}
-}  // namespace
-
 FuseDisk::FuseDisk(const Options& options) {
   const std::string mountPoint = folder_.file("mount");
   std::filesystem::create_directory(mountPoint);
+  const char* overflows[] = {"wrap", "discard", "combined"};  // in the enum's order
   std::vector<std::string> argv{VELLUM_FUSEDISK_PATH,
                                 mountPoint,
                                 "--size",
@@ -109,28 +96,23 @@ FuseDisk::FuseDisk(const Options& options) {
                                 "--sector",
                                 std::to_string(options.sectorSize),
                                 "--overflow",
-                                overflowName(options.overflow)};
-  if (options.realCapacity) {
-    argv.insert(argv.end(), {"--real", std::to_string(*options.realCapacity)});
-  }
+                                overflows[static_cast<int>(options.overflow)]};
+  // Options left at zero are left out: the server's defaults.
+  const auto add = [&](const char* flag, std::uint64_t value) {
+    if (value > 0) argv.insert(argv.end(), {flag, std::to_string(value)});
+  };
+  add("--real", options.realCapacity.value_or(0));
+  add("--delay-ms", static_cast<std::uint64_t>(options.delayMs));
+  add("--write-mbps", static_cast<std::uint64_t>(options.writeMBps));
+  add("--read-mbps", static_cast<std::uint64_t>(options.readMBps));
+  add("--cache", options.cacheBytes);
   const auto addRanges = [&](const char* flag, const std::vector<Sectors>& ranges) {
-    for (const auto& [first, last] : ranges) {
+    for (const auto& [first, last] : ranges)
       argv.insert(argv.end(), {flag, std::to_string(first) + "-" + std::to_string(last)});
-    }
   };
   addRanges("--bad", options.unreadable);
   addRanges("--bad-write", options.unwritable);
   addRanges("--slow", options.slow);
-  if (options.delayMs > 0) argv.insert(argv.end(), {"--delay-ms", std::to_string(options.delayMs)});
-  if (options.writeMBps > 0) {
-    argv.insert(argv.end(), {"--write-mbps", std::to_string(options.writeMBps)});
-  }
-  if (options.readMBps > 0) {
-    argv.insert(argv.end(), {"--read-mbps", std::to_string(options.readMBps)});
-  }
-  if (options.cacheBytes > 0) {
-    argv.insert(argv.end(), {"--cache", std::to_string(options.cacheBytes)});
-  }
   if (!options.backingFile.empty()) argv.insert(argv.end(), {"--backing", options.backingFile});
 
   const std::string log = folder_.file("server.log");
