@@ -65,6 +65,8 @@ TEST(CheckModelTest, ProgressKeepsTheLast400SamplesOfPhasesThatMoveData) {
   EXPECT_EQ(f.model->statusLine(),
             "Waiting for access to the card. You may be asked for an administrator password.");
   EXPECT_EQ(f.model->stepStatus(), "Full Test is starting\u2026");
+  f.model->run(CheckAction::wipe);  // one run at a time: ignored
+  EXPECT_EQ(f.model->stage(), CheckModel::Stage{CheckModel::Running{CheckAction::full}});
   opened.get_future().wait();
 
   f.model->update({Phase::probing, 1, 10, 9e6});

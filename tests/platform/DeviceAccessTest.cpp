@@ -284,6 +284,12 @@ TEST(DeviceWriteAccess, OpensADiskExclusivelyForUncachedWritesDirectlyOrThroughT
 
   const ImageDisk modern(4 << 20, 4096);
   EXPECT_EQ(DeviceWriteAccess::open(modern.inspect())->blockSize(), 4096);
+  // Opening checks the disk again: one that changed since it was chosen is
+  // not opened at all.
+  DiskIdentity stale = modern.inspect();
+  stale.sizeBytes += 4096;
+  EXPECT_THAT([&] { DeviceWriteAccess::open(stale); },
+              ThrowsMessage<WriteError>(DeviceGuard::changed(modern.loop.name()).description()));
 }
 
 }  // namespace

@@ -45,6 +45,12 @@ void buildGuardMachine(FakeSystem& fake) {
 )");
 }
 
+void addCardWithTwoVolumes(FakeSystem& fake) {
+  fake.usbDisk("sdx", "2", "A", "B", Disk{.dev = "8:240", .sectors = 100, .removable = "1"})
+      .partition("sdx", "sdx1", 1, "8:241")
+      .partition("sdx", "sdx2", 2, "8:242");
+}
+
 TEST(DeviceGuard, RefusesInRuleOrderWithTheExactTexts) {
   FakeSystem fake;
   buildGuardMachine(fake);
@@ -157,11 +163,25 @@ TEST(DeviceGuard, IdentityRecordsWhatWasSeenAndRevalidateCatchesEveryChange) {
   }
 }
 
+TEST(DeviceGuard, UnmountRefusalListsWhatStaysMounted) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root: the unmount path without root runs udisksctl";
+  FakeSystem fake;
+  addCardWithTwoVolumes(fake);
+  // Mount points that do not exist on this machine, so umount2 cannot touch
+  // anything real and both stay in the table.
+  fake.mountInfo(R"(70 1 8:241 / /nonexistent-vellum/CARD\040ONE rw - vfat /dev/sdx1 rw
+71 70 8:242 / /nonexistent-vellum/CARD\040ONE/inner rw - vfat /dev/sdx2 rw
+)");
+  DiskIdentity identity;
+  identity.deviceIdentifier = "sdx";
+  EXPECT_EQ(errorText<WriteError>([&] { DeviceGuard::unmountAll(identity, fake.paths()); }),
+            "Couldn't unmount /nonexistent-vellum/CARD ONE, /nonexistent-vellum/CARD ONE/inner. "
+            "Close any apps using the card and try again.");
+}
+
 TEST(DeviceGuard, UnmountThroughUdisksPerMountedVolumeJudgedByTheTable) {
   FakeSystem fake;
-  fake.usbDisk("sdx", "2", "A", "B", Disk{.dev = "8:240", .sectors = 100, .removable = "1"})
-      .partition("sdx", "sdx1", 1, "8:241")
-      .partition("sdx", "sdx2", 2, "8:242");
+  addCardWithTwoVolumes(fake);
   const std::string mounted = R"(70 1 8:242 / /media/u/TWO rw - vfat /dev/sdx2 rw
 71 1 8:241 / /media/u/ONE rw - vfat /dev/sdx1 rw
 )";
