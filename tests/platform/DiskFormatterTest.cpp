@@ -96,6 +96,8 @@ TEST(DiskFormatter, ReadsFatBootSectorsAndAlignsTheDataArea) {
       {{512, 32, 2, 4096}, 4 * kMiB, 8192, 4 * kMiB},
       // 8192 - 8180 would leave 12 reserved sectors, too few for FAT32.
       {{512, 32, 2, 4090}, 4 * kMiB, 16384 - 8180, 4 * kMiB},
+      // One FAT of 8161 sectors: 31 reserved sectors would reach 8192; 32 are needed.
+      {{512, 32, 1, 8161}, 4 * kMiB, 16384 - 8161, 4 * kMiB},
       // 131,072 - 200 reserved sectors don't fit 16 bits: the next smaller boundary.
       {{512, 32, 2, 100}, 64 * kMiB, 65536 - 200, 32 * kMiB},
       {{512, 32, 2, 32760}, 32 * kMiB, 98304 - 65520, 16 * kMiB},
