@@ -85,10 +85,23 @@ void LoopDevice::updatePartitions() const {
   run({"partx", "--update", path_});
 }
 
+namespace {
+const char* overflowName(SimulatedDevice::Overflow overflow) {
+  switch (overflow) {
+    case SimulatedDevice::Overflow::wrap:
+      return "wrap";
+    case SimulatedDevice::Overflow::discard:
+      return "discard";
+    case SimulatedDevice::Overflow::combined:
+      return "combined";
+  }
+  return "wrap";
+}
+}  // namespace
+
 FuseDisk::FuseDisk(const Options& options) {
   const std::string mountPoint = folder_.file("mount");
   std::filesystem::create_directory(mountPoint);
-  const char* overflows[] = {"wrap", "discard", "combined"};  // in the enum's order
   std::vector<std::string> argv{VELLUM_FUSEDISK_PATH,
                                 mountPoint,
                                 "--size",
@@ -96,7 +109,7 @@ FuseDisk::FuseDisk(const Options& options) {
                                 "--sector",
                                 std::to_string(options.sectorSize),
                                 "--overflow",
-                                overflows[static_cast<int>(options.overflow)]};
+                                overflowName(options.overflow)};
   // Options left at zero are left out: the server's defaults.
   const auto add = [&](const char* flag, std::uint64_t value) {
     if (value > 0) argv.insert(argv.end(), {flag, std::to_string(value)});
