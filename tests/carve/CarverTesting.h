@@ -1,8 +1,6 @@
 #pragma once
 
 #include <algorithm>
-#include <cstring>
-#include <map>
 #include <optional>
 #include <ostream>
 
@@ -64,30 +62,6 @@ inline CarveMatch exactMatch(std::uint64_t length, std::string ext, FormatCatego
 inline CarveMatch heuristicMatch(std::uint64_t length, std::string ext, FormatCategory category) {
   return CarveMatch{length, std::move(ext), category, CarveConfidence::heuristic};
 }
-
-// A large source of zeros with a few patches, read without holding it all.
-class SparseSource final : public ByteSource {
- public:
-  SparseSource(std::uint64_t size, std::map<std::uint64_t, Bytes> patches)
-      : size_(size), patches_(std::move(patches)) {}
-  std::uint64_t size() const override { return size_; }
-  std::int64_t badReads() const override { return 0; }
-  std::string descriptionForReport() const override { return "sparse"; }
-  std::size_t readInto(std::uint64_t offset, std::span<std::uint8_t> out) override {
-    if (offset >= size_) return 0;
-    const auto n = static_cast<std::size_t>(std::min<std::uint64_t>(out.size(), size_ - offset));
-    std::memset(out.data(), 0, n);
-    for (const auto& [at, bytes] : patches_) {
-      for (std::size_t i = 0; i < bytes.size(); ++i)
-        if (at + i >= offset && at + i < offset + n) out[at + i - offset] = bytes[i];
-    }
-    return n;
-  }
-
- private:
-  std::uint64_t size_;
-  std::map<std::uint64_t, Bytes> patches_;
-};
 
 }  // namespace vellum::testing
 

@@ -4,7 +4,6 @@
 #include "CarverTesting.h"
 #include "carve/CarverRegistry.h"
 #include "carve/formats/Carvers.h"
-#include "carve/formats/Mp3Carver.h"
 
 namespace vellum::testing {
 namespace {
@@ -95,13 +94,12 @@ TEST(Carvers, KindsOfFileWithinAFormat) {
   };
   for (const auto& [brand, ext, category] :
        std::vector<std::tuple<std::string, std::string, FormatCategory>>{
-           {"M4B ", "m4a", audio}, {"crx ", "cr3", raw}, {"mif1", "heic", photos}}) {
+           {"M4B ", "m4a", audio}, {"crx ", "cr3", raw}}) {
     const Bytes file = sampleIsoBmff(brand, {{"moov", 40}, {"mdat", 100}});
     add(isoBmffCarver(), file, sure(file.size(), ext, category));
   }
   const std::vector<std::tuple<std::string, std::vector<TiffField>, std::string>> cameras = {
       {"DNG", {TiffField::of(4, 50706, {0x01040000})}, "dng"},
-      {"camera, ordinary image", {TiffField{271, 2, {}, "SONY"}}, "tif"},
       {"CR2 marker", {TiffField{271, 2, {}, "Canon"}}, "cr2"}};
   for (const auto& [name, extra, ext] : cameras) {
     TiffBuilder tiff(false);
@@ -112,14 +110,12 @@ TEST(Carvers, KindsOfFileWithinAFormat) {
       fields.push_back(f);
     }
     tiff.setFirstIfd(tiff.ifd(fields));
-    add(tiffCarver(), tiff.out, sure(tiff.out.size(), ext, ext == "tif" ? photos : raw));
+    add(tiffCarver(), tiff.out, sure(tiff.out.size(), ext, raw));
   }
-  const auto mime = [](std::string_view type) { return ZipEntry{"mimetype", text(type), 0}; };
   const std::vector<std::tuple<std::vector<ZipEntry>, std::string, FormatCategory>> zips = {
       {{{"[Content_Types].xml"}, {"_rels/.rels"}, {"word/document.xml"}}, "docx", docs},
-      {{mime("application/epub+zip"), {"META-INF/container.xml"}}, "epub", docs},
-      {{{"word/document.xml"}}, "zip", archives},                           // no content types part
-      {{{"mimetype", text("application/epub+zip"), 8}}, "zip", archives}};  // compressed
+      {{{"mimetype", text("application/epub+zip"), 0}, {"META-INF/container.xml"}}, "epub", docs},
+      {{{"word/document.xml"}}, "zip", archives}};  // no content types part
   for (const auto& [entries, ext, category] : zips) {
     const Bytes zip = sampleZip(entries).bytes;
     add(zipCarver(), zip, sure(zip.size(), ext, category));
@@ -210,20 +206,7 @@ TEST(Carvers, HostileFiles) {
     tiff.setFirstIfd(ifd0);
     add(tiffCarver(), tiff.out, doubtful(tiff.out.size()));
   }
-  {  // an IFD that is its own SubIFD
-    TiffBuilder tiff(true);
-    std::vector<TiffField> fields = tiffImageFields({tiff.data(filler(100, 1))}, {100});
-    fields.push_back(TiffField::of(4, 330, {0}));
-    const auto ifd0 = tiff.ifd(fields);
-    tiff.setFirstIfd(ifd0);
-    tiff.patch(ifd0 + 2 + 12 * 8 + 8, ifd0);
-    add(tiffCarver(), tiff.out, sure(tiff.out.size(), "tif", photos));
-  }
-  // 65,535 entries in IFD0; 1,000 chained IFDs (the walk's bound).
-  TiffBuilder hugeCount = stripTiff(false);
-  hugeCount.patch(508, 0xFFFF, 2);
-  add(tiffCarver(), hugeCount.out);
-  {
+  {  // 1,000 chained IFDs (the walk's bound)
     TiffBuilder tiff(false);
     const auto s1 = tiff.data(filler(16, 1));
     std::uint32_t next = 0;
@@ -292,67 +275,6 @@ TEST(Carvers, PdfKeepsUpdatesUpToTheNextFileWithinReach) {
   append(far, filler(2 * 1024 * 1024));
   append(far, "trailer\n<< >>\n%%EOF\n");
   EXPECT_EQ(carveBytes(pdfCarver(), far), sure(length, "pdf", docs));
-  Bytes chained = pdfBody();
-  for (int i = 0; i < 4; ++i) {
-    append(chained, "%%EOF\n");
-    append(chained, pdfUpdate(700'000));
-  }
-  append(chained, "%%EOF\n");
-  EXPECT_EQ(carveBytes(pdfCarver(), chained), sure(chained.size(), "pdf", docs));
-  // A JPEG stream on a sector boundary inside a PDF is part of it.
-  Bytes withImage = pdfBody();
-  padToSector(withImage);
-  append(withImage, sampleJpeg(2000));
-  append(withImage, "\nendstream\nendobj\n%%EOF\n");
-  EXPECT_EQ(carveBytes(pdfCarver(), withImage), sure(withImage.size(), "pdf", docs));
-}
-
-TEST(Carvers, SearchesAreBoundedInLargeSources) {
-  constexpr std::uint64_t bound = 268'435'456;
-  // The PDF end marker is looked for within 256 MiB (it may end past it).
-  for (const auto& [markerAt, want] :
-       std::vector<std::pair<std::uint64_t, std::optional<CarveMatch>>>{
-           {bound - 100, sure(bound - 95, "pdf", docs)},
-           {bound - 3, sure(bound + 2, "pdf", docs)},
-           {bound + 10, std::nullopt}}) {
-    SparseSource source(bound + 4096, {{0, pdfBody()}, {markerAt, text("%%EOF")}});
-    ReadContext context(source);
-    EXPECT_EQ(pdfCarver().carve(0, context), want) << markerAt;
-  }
-  // 4096-byte sectors and 65,536 table sectors could address 256 GiB.
-  const Bytes header = sampleOle2(12, 65'536, filler(1000));
-  SparseSource ole(300'000'000, {{1000, header}, {300'000'000 - 1000, cut(header, 1000)}});
-  ReadContext context(ole);
-  EXPECT_EQ(ole2Carver().carve(1000, context), doubt(bound, "ole", docs));
-  EXPECT_EQ(ole2Carver().carve(300'000'000 - 1000, context), doubt(1000, "ole", docs));
-
-  // A fragmented video of 300 moof/mdat pairs with another file's start in
-  // the last mdat: each stretch is searched once.
-  Bytes file = sampleIsoBmff("isom", {{"moov", 100}});
-  for (int i = 0; i < 300; ++i) {
-    appendBox(file, "moof", Bytes(100, 0x01));
-    appendBox(file, "mdat", Bytes(16'384, 0x02));
-  }
-  const Bytes clean = file;
-  place(file, file.size() - 1000, sampleIsoBmff("isom", {{"moov", 10}, {"mdat", 10}}));
-  ScriptedSource source(file);
-  std::uint64_t bytesRead = 0;
-  source.beforeRead = [&](std::uint64_t, std::size_t count) { bytesRead += count; };
-  ReadContext fragmented(source);
-  EXPECT_EQ(isoBmffCarver().carve(0, fragmented), doubt(file.size() - 1000, "mp4", video));
-  EXPECT_LT(bytesRead, 2 * file.size());
-  EXPECT_EQ(carveBytes(isoBmffCarver(), clean), sure(clean.size(), "mp4", video));
-}
-
-TEST(Carvers, Mp3FrameLengths) {
-  const std::vector<std::pair<Bytes, std::optional<std::uint64_t>>> cases = {
-      {{0xFF, 0xFB, 0x92}, 418},          {{0xFF, 0xFD, 0xE8}, 1728},  // padded; L2 384k 32k
-      {{0xFF, 0xFF, 0xE0}, 484},          {{0xFF, 0xE3, 0x18}, 72},    // L1 448k 44.1k, MPEG-2.5 L3
-      {{0xFF, 0xFB, 0x00}, std::nullopt}, {{0xFF, 0xFB, 0xF0}, std::nullopt},  // free, bad rate
-      {{0xFF, 0xFB, 0x9C}, std::nullopt}, {{0xFF, 0xEB, 0x90}, std::nullopt},
-      {{0xFF, 0xFB}, std::nullopt}};
-  for (const auto& [header, length] : cases)
-    EXPECT_EQ(mp3FrameLength(header), length) << int{header[1]} << " " << int{header.back()};
 }
 
 }  // namespace

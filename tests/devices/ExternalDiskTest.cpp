@@ -29,13 +29,5 @@ TEST(ExternalDisk, CardWordsAreWholeWords) {
   }
 }
 
-TEST(ExternalDisk, DisplayNamePrefersVolumesThenMediaThenIdentifier) {
-  EXPECT_EQ((ExternalDisk{"sdb", "Reader", 1, {"CARD", "DATA"}}).displayName(), "CARD, DATA");
-  EXPECT_EQ((ExternalDisk{"sdb", "Reader", 1, {}}).displayName(), "Reader");
-  EXPECT_EQ((ExternalDisk{"sdb", "", 1, {}}).displayName(), "sdb");
-  EXPECT_EQ((ExternalDisk{"sdb", "", 31'914'983'424, {}}).sizeDescription(), "31.9 GB");
-  EXPECT_NE((ExternalDisk{"sdb", "R", 1, {"A"}}), (ExternalDisk{"sdb", "R", 1, {"B"}}));
-}
-
 }  // namespace
 }  // namespace vellum

@@ -219,23 +219,5 @@ exit 1
   }
 }
 
-TEST(DiskIdentity, DecodesWhatItEncodesAndRefusesTheRest) {
-  const DiskIdentity identity{"sdb",
-                              31'914'983'424,
-                              512,
-                              "Generic STORAGE DEVICE",
-                              "usb",
-                              "/devices/x/block/sdb#diskseq=21",
-                              Allowance::claimedCapacity,
-                              "AB12"};
-  const nlohmann::json json = identity;
-  EXPECT_EQ(json.get<DiskIdentity>(), identity);
-  nlohmann::json unknown = json, missing = json;
-  unknown["allowance"] = "unlimited";
-  missing.erase("ioRegistryPath");
-  EXPECT_THROW(unknown.get<DiskIdentity>(), nlohmann::json::exception);
-  EXPECT_THROW(missing.get<DiskIdentity>(), nlohmann::json::exception);
-}
-
 }  // namespace
 }  // namespace vellum

@@ -96,13 +96,6 @@ TEST(ReportPage, EveryOutcomeGivesOneLetterPageWithItsSections) {
   EXPECT_FALSE(std::filesystem::exists(dir.file("no/such/folder/x.pdf")));
 }
 
-TEST(ReportPage, ProposesTheNameOfTheCheckTheCardAndTheDay) {
-  EXPECT_EQ(proposedReportName(CheckAction::quick, Card{SimulatedCard::fake}, QDate(2026, 11, 16)),
-            "Vellum Quick Check Demo card (fake) 2026-11-16.pdf");
-  EXPECT_EQ(proposedReportName(CheckAction::wipe, std::nullopt, QDate(2026, 1, 2)),
-            "Vellum Wipe card 2026-01-02.pdf");
-}
-
 }  // namespace
 }  // namespace vellum
 

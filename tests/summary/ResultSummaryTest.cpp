@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <sstream>
 
 #include "summary/ResultSummary.h"
@@ -111,12 +110,10 @@ TEST(ResultSummaryTest, VerdictTexts) {
       {full(FV::genuine, SpeedClass::v30, 32'000'000'000, 32'000'000'000), kDemoGenuine, "good checkmark.seal.fill | Genuine, rated U3 / V30 | Every block of the 32 GB card stored data correctly. It sustains 12.3 MB/s writing, good for 4K video at typical bitrates." + kCardTail},
       {full(FV::counterfeit, std::nullopt), kDemoFake, "bad xmark.octagon.fill | Fake capacity | This card claims 536.9 MB but really holds 100.7 MB. Anything written beyond that is lost or overwrites earlier files. | Ask the seller for a refund. Save this report as evidence. | Don't use it in a camera: you'd lose photos without warning." + kCardTail},
       {full(FV::failing), kFlashDrive, "warning exclamationmark.triangle.fill | Failing drive | 7 blocks didn't store data correctly. The drive is wearing out or damaged. | Replace this drive. Bad areas tend to grow." + kDriveTail},
-      {health(HV::healthy, 0, 0), kDemoGenuine, "good checkmark.seal.fill | Healthy | Every block of the card could be read, at a steady speed."},
       {health(HV::slowAreas, 0, 2), kFlashDrive, "warning tortoise.fill | Some slow areas | Everything could be read, but 2 areas were much slower than the rest, an early sign of wear. | Back up what's on it, and keep an eye on this drive."},
       {health(HV::unreadableAreas, 1, 0, 8'388'608), kNoCard, "bad bandage.fill | Unreadable areas | 8.4 MB in 1 area couldn't be read. Files stored there are damaged. | Use Vellum Recover to rescue what you can, then replace the card."},
       // Unreadable areas win over slow ones; lengths add up: 3 × 1024 bytes.
       {health(HV::unreadableAreas, 3, 2), kFlashDrive, "bad bandage.fill | Unreadable areas | 3 KB in 3 areas couldn't be read. Files stored there are damaged. | Use Vellum Recover to rescue what you can, then replace the drive."},
-      {Formatted{FileSystem::exfat, "CAMERA"}, kFlashDrive, "good checkmark.seal.fill | Ready for your camera | Formatted as exFAT with the name CAMERA. For best results, also format it once in the camera itself."},
       {wipe(0, 0, 0), kDemoGenuine, "good checkmark.seal.fill | Wiped and verified | The whole card was overwritten and read back, and the Vellum Recover engine found no recoverable files. | Format the card to use it in a camera again."},
       // Anything left over (a failed write, a block not erased, a file found) makes it incomplete.
       {wipe(1, 0, 0), kNoCard, "bad xmark.octagon.fill | Wipe incomplete | Some of the card couldn't be overwritten. Don't rely on it being erased. | The card may be failing. For sensitive data, physically destroy it. | Format the card to use it in a camera again."},
@@ -136,27 +133,13 @@ TEST(ResultSummaryTest, FactsChartAndFormatOffer) {
       {full(FV::counterfeit, std::nullopt), kDemoFake, "Card: Demo card (fake) (536.9 MB); " + fullFacts + "Speed class: None; Took: 1h 5m | Write speed across the card | format | 14 13.5 12"},
       {full(FV::genuine, SpeedClass::v90), kFlashDrive, "Drive: KINGSTON (32 GB); " + fullFacts + "Took: 1h 5m | Write speed across the drive | format | 14 13.5 12"},
       {health(HV::healthy, 0, 0), kDemoGenuine, healthFacts + "None; Slow areas: None" + healthTail},
-      {health(HV::healthy, 0, 0), kFlashDrive, "Drive: KINGSTON (32 GB); Scanned: 268.4 MB; Unreadable: None; Slow areas: None; Read speed: 90.0 MB/s average, 3.1 MB/s slowest; Took: Under a second | Read speed across the drive | no format | 91 3.2 90"},
       {Formatted{FileSystem::exfat, "CAMERA"}, kFlashDrive, "Drive: KINGSTON (32 GB); File system: exFAT; Name: CAMERA | Write speed across the drive | no format |"},
       {wipe(2, 16'384, 3, Wipe::Method::random, 3600), kDemoGenuine, "Card: Demo card (genuine) (268.4 MB); Overwritten: 268.4 MB; Method: One pass of random data; Blocks not erased: 16384; Recoverable files afterwards: 3; Took: 1h | Write speed across the card | format | 48 47.5"},
-      {wipe(0, 0, 0), kFlashDrive, "Drive: KINGSTON (32 GB); Overwritten: 268.4 MB; Method: One pass of zeros; Blocks not erased: 0; Recoverable files afterwards: 0; Took: 13s | Write speed across the drive | format | 48 47.5"},
   };
   for (std::size_t i = 0; i < std::size(rows); ++i)
     EXPECT_EQ(detailLine(ResultSummary(rows[i].outcome, rows[i].card)), rows[i].expected) << "row " << i;
 }
 // clang-format on
-
-TEST(ResultSummaryDeathTest, OverflowingSumsStopTheProgram) {
-  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
-  QuickCheck::Result points = quick(QV::unreliable);
-  points.pointsCorrupt = kMax;
-  EXPECT_DEATH(ResultSummary(points, kNoCard), "precondition failed");
-  FullTest::Result blocks = full(FV::genuine);
-  blocks.aliasedBlocks = kMax;
-  EXPECT_DEATH(ResultSummary(blocks, kNoCard), "precondition failed");
-  HealthScan::Result areas = health(HV::unreadableAreas, 2, 0, kMax);
-  EXPECT_DEATH(ResultSummary(areas, kNoCard), "precondition failed");
-}
 
 TEST(SummaryTextTest, LaysOutHeadlineFactsAndAdvice) {
   EXPECT_EQ(renderText(ResultSummary(quick(QV::counterfeit), kDemoFake)), R"(Fake capacity
