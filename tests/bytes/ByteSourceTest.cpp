@@ -50,16 +50,6 @@ TEST(ByteSource, ReadContractAtTheEnd) {
   }
 }
 
-TEST(FileSource, FileThatShrinksReadsShort) {
-  TempDir dir;
-  writeFile(dir.file("f"), digits(8192));
-  FileSource source(dir.file("f"));
-  std::filesystem::resize_file(dir.file("f"), 5000);
-  EXPECT_EQ(source.size(), 8192u);
-  EXPECT_EQ(source.read(4096, 4096).size(), 904u);
-  EXPECT_TRUE(source.read(6000, 100).empty());
-}
-
 TEST(UniqueFd, ClosesOnDestructionAndMove) {
   int raw = -1;
   {

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-
 #include "CarveSamples.h"
 #include "CarverTesting.h"
 #include "bytes/DeviceError.h"
@@ -112,27 +111,6 @@ TEST(CarveEngineTest, SkipRule) {
   }
 }
 
-TEST(CarveEngineTest, LongExactFindIsSkippedWithoutReadingItsChunks) {
-  TempDir temp;
-  const Bytes bmp = sampleBmp(500, 200);  // 300,054 bytes
-  Bytes image = filler(1'048'576);
-  place(image, 4096, bmp);
-  place(image, 4096 + 512 * 200, sampleGif());
-  const std::uint64_t after = (4096 + bmp.size() + 511) / 512 * 512;
-  place(image, after, sampleGif());
-  ScriptedSource source(image);
-  std::vector<std::uint64_t> chunkReads;
-  source.beforeRead = [&](std::uint64_t offset, std::size_t count) {
-    if (count == 65536 || offset + count == image.size()) chunkReads.push_back(offset);
-  };
-  CarveEngine engine(source, carveConfig(temp.path()));
-  EXPECT_EQ(found(engine.run()), (std::vector<Found>{{4096, bmp.size(), "bmp", exact},
-                                                     {after, sampleGif().size(), "gif", exact}}));
-  ASSERT_GE(chunkReads.size(), 2U);
-  EXPECT_EQ(chunkReads[0], 0U);
-  EXPECT_EQ(chunkReads[1], after);
-}
-
 TEST(CarveEngineTest, CarverErrorsAndEmptyMatchesAreNoMatch) {
   TempDir temp;
   int calls = 0;
@@ -209,21 +187,6 @@ TEST(CarveEngineTest, CancelAtTheThirdChunkKeepsWhatWasFound) {
   EXPECT_EQ(progress.back().countsByExt, (std::map<std::string, std::int64_t>{{"gif", 1}}));
   EXPECT_EQ(progress.back().bytesRecovered, sampleGif().size());
   EXPECT_TRUE(decodeReportJson(readFile(temp.path() / "vellum-report.json")).cancelled);
-}
-
-TEST(CarveEngineTest, ProgressIsRateLimitedWithOneFinalCall) {
-  TempDir temp;
-  MemorySource source(filler(16 * 65536));
-  auto settings = carveConfig(temp.path());
-  settings.progressInterval = 3600;  // only the first chunk and the final call
-  CarveEngine engine(source, settings);
-  std::vector<std::uint64_t> scanned;
-  engine.onProgress = [&](const CarveProgress& p) {
-    scanned.push_back(p.bytesScanned);
-    EXPECT_EQ(p.totalBytes, 16U * 65536);
-  };
-  engine.run();
-  EXPECT_EQ(scanned, (std::vector<std::uint64_t>{65536, 16 * 65536}));
 }
 
 }  // namespace

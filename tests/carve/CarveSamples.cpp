@@ -41,6 +41,12 @@ void appendPngChunk(Bytes& out, std::string_view type, const Bytes& data) {
   append(out, data);
   be(out, 4, {0});
 }
+// A box: 32-bit size, type, payload.
+void appendBox(Bytes& out, std::string_view type, const Bytes& payload) {
+  be(out, 4, {payload.size() + 8});
+  append(out, type);
+  append(out, payload);
+}
 void appendSegment(Bytes& out, std::uint8_t marker, const Bytes& payload) {
   append(out, {0xFF, marker});
   be(out, 2, {payload.size() + 2});
@@ -86,22 +92,6 @@ Bytes sampleGif() {
   append(gif, {2, 0x44, 0x01, 1, 0x3B, 0});           // two sub-blocks (one holds 3B), terminator
   append(gif, {0x3B});
   return gif;
-}
-
-Bytes sampleBmp(std::uint32_t width, std::uint32_t height) {
-  const std::uint32_t size = 54 + (width * 3 + 3) / 4 * 4 * height;
-  Bytes bmp = text("BM");
-  le(bmp, 4, {size, 0, 54, 40, width, height});
-  le(bmp, 2, {1, 24});
-  le(bmp, 4, {0, 0, 0, 0, 0, 0});
-  bmp.resize(size, 0x7F);
-  return bmp;
-}
-
-void appendBox(Bytes& out, std::string_view type, const Bytes& payload) {
-  be(out, 4, {payload.size() + 8});
-  append(out, type);
-  append(out, payload);
 }
 
 Bytes sampleIsoBmff(std::string_view brand,

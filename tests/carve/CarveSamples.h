@@ -37,11 +37,6 @@ Bytes sampleJpeg(std::size_t scanBytes = 200, bool withThumbnail = false, bool w
 // with a local table and two data sub-blocks, trailer.
 Bytes sampleGif();
 
-// A 24-bit BMP with a 40-byte header and width x height pixels.
-Bytes sampleBmp(std::uint32_t width = 4, std::uint32_t height = 4);
-
-// A box: 32-bit size, type, payload.
-void appendBox(Bytes& out, std::string_view type, const Bytes& payload);
 // "ftyp" of the given brand, then the listed boxes with payloads of the given sizes.
 Bytes sampleIsoBmff(std::string_view brand,
                     std::initializer_list<std::pair<std::string_view, std::size_t>> boxes);

@@ -3,8 +3,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "bytes/MemorySource.h"
 #include "checks/CardImage.h"
@@ -32,8 +30,7 @@ TEST(CardImage, CopiesEveryByteInChunks) {
   CardImage{.replaceExisting = true}.save(faulty, path, {},
                                           [&log](const CheckProgress& p) { log.push_back(p); });
   EXPECT_EQ(reads, (std::vector<std::size_t>{8'388'608, 1}));
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(Bytes(std::istreambuf_iterator<char>(in), {}) == content);
+  EXPECT_TRUE(readFile(path) == std::string(content.begin(), content.end()));
   ASSERT_EQ(log.size(), 2u);
   EXPECT_EQ(
       std::tuple(log[1].phase, log[1].completed, log[1].total, log[1].bytesPerSecond.has_value()),
@@ -48,10 +45,6 @@ TEST(CardImage, RefusesDevicesAndExistingFilesAndNeverLeavesAPartialImage) {
   namespace fs = std::filesystem;
   TempDir dir;
   const std::string path = dir.file("card.img");
-  const auto contents = [](const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  };
   MemorySource source(noise(3 * 4096, 3));
   CardImage image;
   image.chunkBytes = 4096;
@@ -70,9 +63,9 @@ TEST(CardImage, RefusesDevicesAndExistingFilesAndNeverLeavesAPartialImage) {
   EXPECT_THAT(
       [&] { image.save(failing, path, CancellationFlag{}); },
       ThrowsMessage<std::exception>(DeviceError::readFailed(2 * 4096 + 512, EIO).description()));
-  EXPECT_EQ(contents(path), "earlier backup");
+  EXPECT_EQ(readFile(path), "earlier backup");
   image.save(source, path, CancellationFlag{});
-  EXPECT_EQ(contents(path).size(), 3u * 4096);
+  EXPECT_EQ(readFile(path).size(), 3u * 4096);
 
   fs::create_symlink("/dev/null", dir.file("to-null"));
   fs::create_symlink(dir.file("nowhere/x"), dir.file("dangling"));

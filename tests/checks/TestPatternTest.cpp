@@ -43,10 +43,5 @@ TEST(TestPattern, VerdictsOfBlocksAndSlices) {
   }
 }
 
-TEST(TestPatternDeathTest, IndicesPastTheTopAreFaults) {
-  EXPECT_EQ(TestPattern(kNonce).blocks(kTop, 1).size(), 4096u);
-  EXPECT_DEATH(TestPattern(kNonce).blocks(kTop, 2), "");
-}
-
 }  // namespace
 }  // namespace vellum

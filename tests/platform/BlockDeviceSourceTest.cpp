@@ -44,24 +44,6 @@ BlockDeviceSource openSource(const std::string& path) {
   return BlockDeviceSource(UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), path);
 }
 
-TEST(BlockDeviceSource, RegularFileCountsAsDeviceOf512ByteSectors) {
-  testing::TempDir dir;
-  const std::string path = dir.file("image.bin"), empty = dir.file("empty.bin");
-  testing::writeFile(path, std::string(1000, 'x'));
-  writePattern(path, 1000);
-  BlockDeviceSource source = openSource(path);
-  EXPECT_EQ(source.blockSize(), 512);
-  EXPECT_EQ(source.size(), 1000u);
-  EXPECT_EQ(source.read(990, 20), pattern(990, 10));  // short only at the end
-  EXPECT_EQ(source.read(700, 10), pattern(700, 10));
-  EXPECT_TRUE(source.read(1000, 10).empty());
-  EXPECT_EQ(source.badReads(), 0);
-
-  testing::writeFile(empty, "");
-  EXPECT_THAT([&] { openSource(empty); },
-              ThrowsMessage<DeviceError>(empty + " is not a readable file or device."));
-}
-
 TEST(BlockDeviceSource, OpenedAsRawSourceReadsAnyRangeOfA4096ByteSectorDisk) {
   VL_REQUIRE_LOOP_DEVICES();
   constexpr std::uint64_t kSize = 1 << 20;

@@ -65,8 +65,6 @@ TEST(CardTest, TextsOfDemoCardsAndDisks) {
       // The fake card shows what it claims, never its real 96 MiB.
       {{SimulatedCard::fake}, "sim-fake|Demo card (fake)|Simulated in memory|536.9 MB|card"},
       {{kFlashDrive}, "sdb|KINGSTON|sdb · Generic Flash Disk|32 GB|drive"},
-      {{ExternalDisk{"sdc", "Built In SDXC Reader", 63'864'569'856, {}}},
-       "sdc|Built In SDXC Reader|sdc · Built In SDXC Reader|63.9 GB|card"},
       // Without a media name the detail is the bare identifier.
       {{ExternalDisk{"sdd", "", 8'000'000'000, {"A", "B"}}}, "sdd|A, B|sdd|8 GB|drive"},
       // clang-format on
