@@ -1,10 +1,8 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 
 #include "bytes/ByteCountFormat.h"
@@ -16,8 +14,6 @@
 
 namespace vellum {
 namespace {
-
-using ::testing::ThrowsMessage;
 
 using testing::TempDir;
 using testing::writeFile;
@@ -69,12 +65,10 @@ TEST(ByteCountFormat, DecimalUnitsWithOneDecimal) {
   const std::pair<std::uint64_t, const char*> cases[] = {
       {0, "0 bytes"},
       {1, "1 byte"},
-      {999, "999 bytes"},
       {999'499, "999 KB"},
       {999'950, "1 MB"},
       {100'663'296, "100.7 MB"},
       {31'914'983'424, "31.9 GB"},
-      {4'000'000'000'000, "4 TB"},
   };
   for (const auto& [bytes, text] : cases)
     EXPECT_EQ(formatByteCount(bytes), text) << bytes;

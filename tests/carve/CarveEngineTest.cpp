@@ -17,24 +17,6 @@ using Mode = CarveEngine::OutputMode;
 constexpr auto exact = CarveConfidence::exact;
 constexpr auto heuristic = CarveConfidence::heuristic;
 
-// A carver whose verdict a test decides.
-class FakeCarver final : public FormatCarver {
- public:
-  using Verdict = std::function<std::optional<CarveMatch>(std::uint64_t, ReadContext&)>;
-  FakeCarver(std::string signature, Verdict verdict)
-      : signature_(std::move(signature)), verdict_(std::move(verdict)) {}
-  std::string_view id() const override { return "fake"; }
-  FormatCategorySet categories() const override { return {FormatCategory::photos}; }
-  std::vector<Bytes> signatures() const override { return {signatureBytes(signature_)}; }
-  std::optional<CarveMatch> carve(std::uint64_t start, ReadContext& context) const override {
-    return verdict_(start, context);
-  }
-
- private:
-  std::string signature_;
-  Verdict verdict_;
-};
-
 TEST(CarveEngineTest, Refusals) {
   TempDir temp;
   MemorySource empty(Bytes{});
@@ -109,25 +91,6 @@ TEST(CarveEngineTest, SkipRule) {
     SCOPED_TRACE(name);
     EXPECT_EQ(carveImage(image), want);
   }
-}
-
-TEST(CarveEngineTest, CarverErrorsAndEmptyMatchesAreNoMatch) {
-  TempDir temp;
-  int calls = 0;
-  const FakeCarver failing("GIF", [&](std::uint64_t, ReadContext&) -> std::optional<CarveMatch> {
-    ++calls;
-    throw DeviceError::readFailed(0, 5);
-  });
-  const FakeCarver empty("GIF", [&](std::uint64_t, ReadContext&) {
-    ++calls;
-    return CarveMatch{0, "nil", FormatCategory::photos, exact};
-  });
-  Bytes image = filler(4096);
-  place(image, 512, sampleGif());
-  MemorySource source(image);
-  CarveEngine engine(source, carveConfig(temp.path()), {&failing, &empty, &gifCarver()});
-  EXPECT_EQ(found(engine.run()), (std::vector<Found>{{512, sampleGif().size(), "gif", exact}}));
-  EXPECT_EQ(calls, 2);
 }
 
 TEST(CarveEngineTest, OutputModesWriteFilesAndTheReport) {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <algorithm>
-#include <optional>
 #include <ostream>
 
 #include "bytes/MemorySource.h"

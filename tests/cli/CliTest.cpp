@@ -138,13 +138,6 @@ TEST(Cli, ImageFilesAreTestedAndCopied) {
   const std::string content = randomBytes(8 * kMiB, 7);
   writeFile(image, content);
 
-  // The checks on image files are the loop-disk tests' checks; here what a
-  // file adds: the health report names it.
-  const ProcessResult health = cli({"health", image}, false);
-  EXPECT_EQ(health.exitCode, 0) << health.err;
-  EXPECT_TRUE(contains(health.out, "Image file:")) << health.out;
-  EXPECT_TRUE(contains(health.out, image)) << health.out;
-
   writeFile(dir.file("copy.img"), "older copy");
   // An earlier file is replaced only with --force.
   const ProcessResult kept = cli({"image", image, dir.file("copy.img")}, false);

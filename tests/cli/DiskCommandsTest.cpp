@@ -17,15 +17,20 @@
 namespace vellum::testing {
 namespace {
 
+// A Quick Check of disk running in the background, its errors going to err.
+ChildProcess startQuickCheck(const std::string& disk, Stdio err = Stdio::null()) {
+  SpawnOptions spawn;
+  spawn.standardOutput = Stdio::null();
+  spawn.standardError = err;
+  spawn.environment = {{"VL_ALLOW_DISK_IMAGES", "1"},
+                       {"XDG_STATE_HOME", stateHome().path().string()}};
+  return ChildProcess::start({VELLUM_CHECK_BINARY, "quick", disk}, spawn);
+}
+
 // Starts a Quick Check of disk and kills it (SIGKILL: no clean-up at all)
 // after `after` seconds. True when it was still running then.
 bool killedQuickCheck(const std::string& disk, double after) {
-  SpawnOptions spawn;
-  spawn.standardOutput = Stdio::null();
-  spawn.standardError = Stdio::null();
-  spawn.environment = {{"VL_ALLOW_DISK_IMAGES", "1"},
-                       {"XDG_STATE_HOME", stateHome().path().string()}};
-  ChildProcess child = ChildProcess::start({VELLUM_CHECK_BINARY, "quick", disk}, spawn);
+  ChildProcess child = startQuickCheck(disk);
   std::this_thread::sleep_for(std::chrono::duration<double>(after));
   ::kill(child.pid(), SIGKILL);
   const ExitStatus status = child.wait();
@@ -339,12 +344,7 @@ TEST(CliDisk, ACardPulledMidCheckIsRestoredWhenItComesBack) {
     LoopDevice loop(disk.file(), {.directIo = true});
     const std::string log = dir.file("err.txt");
     const UniqueFd err(::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    SpawnOptions spawn;
-    spawn.standardOutput = Stdio::null();
-    spawn.standardError = Stdio::from(err.get());
-    spawn.environment = {{"VL_ALLOW_DISK_IMAGES", "1"},
-                         {"XDG_STATE_HOME", stateHome().path().string()}};
-    ChildProcess check = ChildProcess::start({VELLUM_CHECK_BINARY, "quick", loop.name()}, spawn);
+    ChildProcess check = startQuickCheck(loop.name(), Stdio::from(err.get()));
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
     disk.pull();
     EXPECT_EQ(check.wait(), (ExitStatus{true, 3}));

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 
 #include "bytes/DeviceError.h"

@@ -1,9 +1,7 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <vector>
 
@@ -17,8 +15,6 @@
 
 namespace vellum {
 namespace {
-
-using ::testing::ThrowsMessage;
 
 using testing::FuseDisk;
 using testing::LoopDevice;

@@ -43,21 +43,6 @@ TEST(DiskFormatter, RecommendsExfatAbove32GigabytesAndSanitizesNamesForEveryCame
     EXPECT_EQ(DiskFormatter::sanitizedName(name), expected) << name;
 }
 
-TEST(DiskFormatter, LayoutFollowsTheCapacityAndKeepsTheChosenFileSystem) {
-  const FileSystem fat = FileSystem::fat32, ex = FileSystem::exfat;
-  const std::tuple<FileSystem, std::uint64_t, FormatLayout> cases[] = {
-      // Small FAT32 volumes leave the cluster to mkfs.fat; 32 KiB from ~2.1 GiB.
-      {fat, 2 * kGiB, {fat, 0, 4 * kMiB, 0x0C}},
-      {fat, 2 * kGiB + 4 * kMiB, {fat, 32768, 4 * kMiB, 0x0C}},
-      {ex, 32 * kGiB, {ex, 32768, 4 * kMiB, 0x07}},
-      {ex, 32 * kGiB + 1, {ex, 131072, 16 * kMiB, 0x07}},
-      {ex, 512 * kGiB, {ex, 262144, 32 * kMiB, 0x07}},
-      {ex, 512 * kGiB + 1, {ex, 524288, 64 * kMiB, 0x07}},
-  };
-  for (const auto& [fileSystem, bytes, expected] : cases)
-    EXPECT_EQ(DiskFormatter::layout(fileSystem, bytes), expected) << bytes;
-}
-
 Bytes fatBootSector(std::uint16_t bytesPerSector, std::uint16_t reserved, std::uint8_t fats,
                     std::uint32_t sectorsPerFat) {
   Bytes sector(512, 0);

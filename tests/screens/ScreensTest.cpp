@@ -9,7 +9,6 @@
 #include <QPushButton>
 #include <QSettings>
 #include <QTest>
-#include <deque>
 
 #include "app/CheckModel.h"
 #include "screens/ConfirmEraseSheet.h"

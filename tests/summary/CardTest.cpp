@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <unordered_set>
-
-#include "bytes/DeviceError.h"
 #include "summary/Card.h"
 
 namespace vellum {
@@ -13,21 +9,7 @@ constexpr std::uint64_t kMiB = 1024 * 1024;
 
 const ExternalDisk kFlashDrive{"sdb", "Generic Flash Disk", 32'000'000'000, {"KINGSTON"}};
 
-// The offset of the first failed read, or none when the read succeeded.
-std::optional<std::uint64_t> failedReadOffset(ByteSource& source, std::uint64_t offset,
-                                              std::int64_t count) {
-  try {
-    source.read(offset, count);
-  } catch (const DeviceError& error) {
-    const auto* failed = error.as<DeviceError::ReadFailed>();
-    EXPECT_NE(failed, nullptr) << error.description();
-    EXPECT_EQ(failed ? failed->errnum : 0, EIO);
-    return failed ? std::optional(failed->offset) : std::nullopt;
-  }
-  return std::nullopt;
-}
-
-TEST(SimulatedCardTest, FakeWrapsGenuineKeepsBlocksApartFailingFailsFourBlocks) {
+TEST(SimulatedCardTest, FakeWrapsGenuineKeepsBlocksApart) {
   const Bytes low(4096, 0x11), high(4096, 0xA5);
   const auto fake = makeDevice(SimulatedCard::fake);
   const auto genuine = makeDevice(SimulatedCard::genuine);
@@ -44,15 +26,6 @@ TEST(SimulatedCardTest, FakeWrapsGenuineKeepsBlocksApartFailingFailsFourBlocks) 
   // The fake's claimed end maps to 512 MiB mod 96 MiB = 32 MiB.
   fake->write(512 * kMiB - 4096, high);
   EXPECT_EQ(fake->read(32 * kMiB - 4096, 4096), high);
-  EXPECT_EQ(failedReadOffset(*genuine, 40000 * 512, 512), std::nullopt);
-
-  const auto failing = makeDevice(SimulatedCard::failing);
-  for (const std::uint64_t block : {40000u, 40001u, 200000u, 350123u})
-    EXPECT_EQ(failedReadOffset(*failing, block * 512, 512), block * 512) << block;
-  // A larger read that covers a bad block reports where it failed.
-  EXPECT_EQ(failedReadOffset(*failing, 39990 * 512, 8192), 40000u * 512);
-  for (const std::uint64_t block : {39999u, 40002u, 199999u, 200001u, 350122u, 350124u})
-    EXPECT_EQ(failedReadOffset(*failing, block * 512, 512), std::nullopt) << block;
 }
 
 TEST(CardTest, TextsOfDemoCardsAndDisks) {

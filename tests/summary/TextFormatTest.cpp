@@ -31,7 +31,6 @@ TEST(TextFormatTest, DurationsSpeedsAndSizes) {
   EXPECT_EQ(speedText(0), "0.0 MB/s");
   EXPECT_EQ(speedText(23.45), "23.4 MB/s");  // 23.45 is stored just below
   EXPECT_EQ(speedText(23.46), "23.5 MB/s");
-  EXPECT_EQ(speedText(1234.0), "1234.0 MB/s");
   EXPECT_EQ(sizeText(100'663'296), "100.7 MB");
   EXPECT_EQ(sizeText(512), "512 bytes");
 }

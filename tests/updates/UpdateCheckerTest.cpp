@@ -4,7 +4,6 @@
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTest>
 
 #include "updates/UpdateChecker.h"
 
@@ -67,11 +66,9 @@ TEST(UpdateChecker, TellsNewerSameOrOlderFromAFeedOnLoopback) {
             QUrl("https://vellumcheck.org/download"));
   EXPECT_EQ(said(check), "Vellum Check 1.10 is available (you have 1.9).\n\nFaster wipes.");
 
-  for (const char* version : {"1.9", "1.8.7"}) {
-    const FeedServer same(http(QByteArray(R"({"version": ")") + version +
-                               R"(", "downloadPage": "https://vellumcheck.org/download"})"));
-    EXPECT_EQ(said(checkAgainst(same.url())), "Vellum Check 1.9 is the latest version.");
-  }
+  const FeedServer older(
+      http(R"({"version": "1.8.7", "downloadPage": "https://vellumcheck.org/download"})"));
+  EXPECT_EQ(said(checkAgainst(older.url())), "Vellum Check 1.9 is the latest version.");
 }
 
 TEST(UpdateChecker, EveryBadAnswerGetsItsOwnSentence) {
