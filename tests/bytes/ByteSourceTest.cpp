@@ -65,6 +65,7 @@ TEST(ByteCountFormat, DecimalUnitsWithOneDecimal) {
   const std::pair<std::uint64_t, const char*> cases[] = {
       {0, "0 bytes"},
       {1, "1 byte"},
+      {999, "999 bytes"},
       {999'499, "999 KB"},
       {999'950, "1 MB"},
       {100'663'296, "100.7 MB"},

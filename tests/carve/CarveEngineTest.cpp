@@ -35,6 +35,16 @@ TEST(CarveEngineTest, Refusals) {
   CarveEngine broken(failing, carveConfig(temp.path()));
   EXPECT_THAT([&] { broken.run(); },
               ThrowsMessage<DeviceError>(DeviceError::readFailed(131072, 5).description()));
+  // A read that fails inside a carver only means no file there.
+  Bytes image = filler(131072);
+  place(image, 65024, sampleJpeg(3000, false, false));  // runs into the next chunk
+  place(image, 66048, sampleGif());
+  ScriptedSource flaky(image);
+  flaky.beforeRead = [](std::uint64_t offset, std::size_t count) {
+    if (count != 65536) throw DeviceError::readFailed(offset, 5);
+  };
+  EXPECT_EQ(found(CarveEngine(flaky, carveConfig(temp.path())).run()),
+            (std::vector<Found>{{66048, sampleGif().size(), "gif", exact}}));
 
   // Root writes into read-only folders, but not into /proc.
   const fs::path locked = geteuid() == 0 ? fs::path("/proc/self") : temp.path() / "locked";
@@ -86,6 +96,12 @@ TEST(CarveEngineTest, SkipRule) {
   cases.emplace_back("mp3", withTail(mp3, 1000),
                      std::vector<Found>{{0, mp3.size(), "mp3", heuristic},
                                         {512, samplePng(100).size(), "png", exact}});
+
+  // The source ends inside a file: it is cut to what is there, and doubtful.
+  const Bytes wav = sampleRiff("RIFF", "WAVE", 100);
+  Bytes endsEarly = filler(512);
+  append(endsEarly, cut(wav, wav.size() - 1));
+  cases.emplace_back("cut", endsEarly, std::vector<Found>{{512, wav.size() - 1, "wav", heuristic}});
 
   for (const auto& [name, image, want] : cases) {
     SCOPED_TRACE(name);
