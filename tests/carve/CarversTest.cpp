@@ -233,8 +233,8 @@ TEST(Carvers, HostileFiles) {
   add(zipCarver(), le32At(between, between.size() - 4 - 10, 7), zipOf(0, false));
   // A ZIP64 end record claiming an enormous size is stepped over through the locator.
   const Bytes zip64 = sampleZip({{"a.txt"}}, "", true).bytes;
-  add(zipCarver(),
-      edited(zip64, zip64.size() - 98 + 4, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
+  const std::size_t record = zip64.size() - 22 - 20 - 56;
+  add(zipCarver(), edited(zip64, record + 4, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}),
       zipOf(zip64.size(), true));
   // Descriptors that never agree: the search gives up at the source's end.
   Bytes descriptors = sampleZip({{"a.bin", filler(3000), 8, true}}).bytes;
