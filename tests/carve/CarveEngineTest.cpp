@@ -17,7 +17,7 @@ using Mode = CarveEngine::OutputMode;
 constexpr auto exact = CarveConfidence::exact;
 constexpr auto heuristic = CarveConfidence::heuristic;
 
-TEST(CarveEngineTest, Refusals) {
+TEST(CarveEngineTest, RefusalsAndFailedReads) {
   TempDir temp;
   MemorySource empty(Bytes{});
   CarveEngine none(empty, carveConfig(temp.path() / "out", Mode::files));
