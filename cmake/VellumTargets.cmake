@@ -6,8 +6,10 @@ function(vellum_defaults target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow
-    -Wnon-virtual-dtor -Wold-style-cast -Wcast-align
-    -Werror)
+    -Wnon-virtual-dtor -Wold-style-cast -Wcast-align)
+  if(VELLUM_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # GCC 12 reports out-of-bounds copies inside libstdc++'s vector code at
     # -O3 that cannot happen (fixed in GCC 13).

@@ -511,11 +511,15 @@ std::string Session::describe(const std::string& name, const Restored& restored)
   }
   if (const std::size_t changed = report.changedSince.size(); changed > 0) {
     std::string offsets;
-    for (std::size_t i = 0; i < changed && i < 5; ++i)
-      offsets += (i > 0 ? ", " : "") + std::to_string(report.changedSince[i]);
+    for (std::size_t i = 0; i < changed && i < 5; ++i) {
+      if (i > 0) offsets += ", ";
+      offsets += std::to_string(report.changedSince[i]);
+    }
     if (changed > 5) offsets += ", \u2026";
-    text += " " + places(changed) + " written since the check " + (changed == 1 ? "was" : "were") +
-            " left alone, so what was written there stays (byte offsets " + offsets + ").";
+    text += ' ';
+    text += places(changed);
+    text += changed == 1 ? " written since the check was" : " written since the check were";
+    text += " left alone, so what was written there stays (byte offsets " + offsets + ").";
   }
   return text;
 }
