@@ -7,6 +7,15 @@ function(vellum_defaults target)
   target_compile_options(${target} PRIVATE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow
     -Wnon-virtual-dtor -Wold-style-cast -Wcast-align)
+  if(NOT VELLUM_SANITIZE)
+    # Debian's hardening, as its packages are built: checked string and memory
+    # functions, stack protector, read-only relocations bound at start. The
+    # privileged helpers run as root. Fortify needs optimization, so not in
+    # Debug builds.
+    target_compile_options(${target} PRIVATE -fstack-protector-strong
+      $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>)
+    target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now)
+  endif()
   if(VELLUM_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -9,7 +9,7 @@ packages=(
   util-linux mount fdisk dosfstools exfatprogs mtools e2fsprogs pkexec
   fuse3 libfuse3-dev
   qt6-base-dev qt6-svg-dev libgl-dev fonts-dejavu-core poppler-utils
-  libudev-dev xvfb xauth x11-apps netpbm xdotool desktop-file-utils appstream bc
+  libudev-dev xvfb xauth x11-apps netpbm xdotool desktop-file-utils appstream bc lintian
 )
 
 missing=()
