@@ -19,11 +19,13 @@ cd "$work/vellum-check"
 git checkout --quiet "$commit"
 
 echo "== bash scripts/demo.sh"
+SECONDS=0
 set +e
 bash scripts/demo.sh </dev/null >"$work/demo.out" 2>&1
 demo=$?
 set -e
 cat "$work/demo.out"
+echo "== the demo took $SECONDS s"
 { [ "$demo" -eq 0 ] && grep -q "^Fake capacity" "$work/demo.out"; } ||
   { echo "NewcomerTest: scripts/demo.sh exited $demo without the fake card's verdict" >&2; exit 1; }
 
@@ -38,8 +40,10 @@ export APT_CONFIG=$work/apt.conf DEBIAN_FRONTEND=noninteractive
 for line in "${lines[@]}"; do
   [ "$(id -u)" -eq 0 ] && line=${line#sudo }
   echo "== $line"
+  SECONDS=0
   bash -c "$line" </dev/null >"$work/step.log" 2>&1 ||
     { tail -n 60 "$work/step.log"; echo "NewcomerTest: the Install step failed: $line" >&2; exit 1; }
+  echo "   took $SECONDS s"
 done
 
 debs=(build/*/vellum-check_*.deb)

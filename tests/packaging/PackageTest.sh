@@ -18,8 +18,11 @@ fail() { echo "PackageTest: $*" >&2; status=1; }
 
 # Debian's checker: no errors and no warnings. Pedantic and informational
 # tags are shown, not counted.
-lintian --fail-on error,warning --display-level ">=pedantic" "$deb" ||
+if lintian --fail-on error,warning --display-level ">=pedantic" "$deb"; then
+  echo "lintian: no errors or warnings"
+else
   fail "lintian reports errors or warnings (above)"
+fi
 
 contents=$(dpkg-deb -c "$deb" | awk '{print $6}')
 for file in ./usr/bin/vellum-check ./usr/bin/vellum-check-gui \
