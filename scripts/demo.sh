@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 # The same settings as the README's Install section, so that installing
 # afterwards reuses this build.
-echo "Building vellum-check in build/release (about 2 minutes on two cores)..." >&2
+echo "Building vellum-check in build/release (about a minute on two cores)..." >&2
 mkdir -p build
 log=build/demo-build.log
 if ! { cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
