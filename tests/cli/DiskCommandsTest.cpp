@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <thread>
 
 #include "CliRun.h"
@@ -27,23 +29,54 @@ ChildProcess startQuickCheck(const std::string& disk, Stdio err = Stdio::null())
   return ChildProcess::start({VELLUM_CHECK_BINARY, "quick", disk}, spawn);
 }
 
+bool journalPending() {
+  return !pendingJournals(stateHome().path() / "vellum-check").empty();
+}
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
 // Starts a Quick Check of disk and kills it (SIGKILL: no clean-up at all)
-// after `after` seconds.
-void killQuickCheckAfter(const std::string& disk, double after) {
+// `after` seconds from its start or, with fromJournal, from the moment its
+// undo journal appears, that is when it is about to write test blocks.
+void killQuickCheckAfter(const std::string& disk, double after, bool fromJournal) {
   ChildProcess child = startQuickCheck(disk);
-  std::this_thread::sleep_for(std::chrono::duration<double>(after));
+  if (fromJournal) {
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    while (!journalPending() && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  std::this_thread::sleep_for(Seconds(after));
   ::kill(child.pid(), SIGKILL);
   child.wait();
 }
 
-double secondsOf(const std::function<void()>& run) {
-  const auto start = std::chrono::steady_clock::now();
-  run();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
+// How long a whole run takes, and for how long of it an undo journal was
+// pending.
+struct RunTimes {
+  double whole = 0;
+  double journaled = 0;
+};
 
-bool journalPending() {
-  return !pendingJournals(stateHome().path() / "vellum-check").empty();
+RunTimes timeOf(const std::function<void()>& run) {
+  std::atomic<bool> done = false;
+  const auto start = Clock::now();
+  std::thread runner([&] {
+    run();
+    done = true;
+  });
+  std::optional<Clock::time_point> appeared, gone;
+  while (!done) {
+    const bool pending = journalPending();
+    if (pending && !appeared) appeared = Clock::now();
+    if (!pending && appeared && !gone) gone = Clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  runner.join();
+  const auto end = Clock::now();
+  return {Seconds(end - start).count(),
+          appeared ? Seconds(gone.value_or(end) - *appeared).count() : 0.0};
 }
 
 std::string blkid(const std::string& device) {
@@ -311,11 +344,19 @@ TEST(CliDisk, KilledQuickChecksAreUndoneByRestore) {
   for (const auto& [loop, file, expected, exitCode, kills] : disks) {
     const std::string name = loop->name();
     // A copy: clang 14 cannot capture a structured binding.
-    const double whole = secondsOf([&, code = exitCode] {
+    const RunTimes times = timeOf([&, code = exitCode] {
       EXPECT_EQ(cli({"quick", name}).exitCode, code);
     });
+    ASSERT_GT(times.journaled, 0) << name << ": no undo journal while testing";
+    // Every other kill is timed from the journal's appearance, so that on a
+    // loaded machine enough still land while test data is on the disk.
     for (int i = 0; i < kills; ++i) {
-      killQuickCheckAfter(name, whole * (i + 0.5) / kills);
+      const double moment = (i + 0.5) / kills;
+      if (i % 2 == 0) {
+        killQuickCheckAfter(name, times.whole * moment, false);
+      } else {
+        killQuickCheckAfter(name, times.journaled * moment, true);
+      }
       withJournal += journalPending();
       const ProcessResult restored = cli({"restore"});
       EXPECT_EQ(restored.exitCode, 0) << restored.out << restored.err;
@@ -323,7 +364,6 @@ TEST(CliDisk, KilledQuickChecksAreUndoneByRestore) {
       EXPECT_TRUE(readFile(file) == *expected) << name << " killed at moment " << i;
     }
   }
-  // How many land mid-check depends on the machine's load (23 to 42 seen).
   EXPECT_GE(withJournal, 15) << "too few kills landed while test data was on the disk";
   std::printf("%d of 50 kills left test data to put back\n", withJournal);
 }
