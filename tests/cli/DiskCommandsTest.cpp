@@ -384,7 +384,11 @@ TEST(CliDisk, ACardPulledMidCheckIsRestoredWhenItComesBack) {
     const std::string log = dir.file("err.txt");
     const UniqueFd err(::open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     ChildProcess check = startQuickCheck(loop.name(), Stdio::from(err.get()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    while (!journalPending() && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     disk.pull();
     EXPECT_EQ(check.wait(), (ExitStatus{true, 3}));
     const std::string said = readFile(log);
