@@ -47,7 +47,7 @@ std::vector<RunTarget> placesFor(const PendingJournal& journal, bool imagesAllow
 int runRestore(const std::vector<std::string>& words) {
   const Options options(words, {}, {}, 0, 1);
   RunHooks hooks;
-  hooks.notice = [](const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); };
+  hooks.notice = [](const Notice& notice) { std::fprintf(stderr, "%s\n", notice.text.c_str()); };
   if (!options.positional().empty()) {
     const std::string& argument = options.positional().front();
     RunTarget target = resolveTarget(argument);

@@ -62,7 +62,7 @@ std::optional<std::string> diskName(const std::string& argument) {
 RunTarget resolveTarget(const std::string& argument) {
   if (const auto demo = demoCard(argument)) return RunTarget::of(Card{*demo});
   if (const auto name = diskName(argument)) {
-    return RunTarget::of(Card{ExternalDisk{*name, "", 0, {}}});
+    return RunTarget::of(Card{ExternalDisk{*name, "", 0, {}, "", 0}});
   }
   return RunTarget::image(argument);
 }
@@ -124,9 +124,9 @@ CheckOutcome runRequest(RunRequest& request, const std::optional<std::string>& c
         break;
     }
   };
-  hooks.notice = [&](const std::string& text) {
+  hooks.notice = [&](const Notice& notice) {
     line.finish();
-    std::fprintf(stderr, "%s\n", text.c_str());
+    std::fprintf(stderr, "%s\n", notice.text.c_str());
   };
   hooks.confirm = [&](const RunTarget& target) {
     return confirmErase(target.name(), target.confirmWord(), confirm);

@@ -72,13 +72,33 @@ int CheckModel::step() const {
   return selected_ ? 1 : 0;
 }
 
+std::optional<Card> CheckModel::stageCard() const {
+  if (const auto* running = std::get_if<Running>(&stage_)) return running->card;
+  if (const auto* result = std::get_if<Result>(&stage_)) return result->card;
+  return selected_;
+}
+
+std::optional<Card> CheckModel::listedAgain(const Card& card) const {
+  for (const Card& listed : cards_) {
+    if (listed == card) return listed;
+    const ExternalDisk* disk = listed.disk();
+    if (disk && card.disk() && disk->isSameMedium(*card.disk())) return listed;
+  }
+  return std::nullopt;
+}
+
+double CheckModel::elapsedSeconds() const {
+  return runClock_.isValid() ? static_cast<double>(runClock_.elapsed()) / 1000.0 : 0.0;
+}
+
 QString CheckModel::stepStatus() const {
-  const QString noun = qText(std::string(nounFor(selected_)));
+  const QString noun = qText(std::string(nounFor(stageCard())));
   if (const auto* running = std::get_if<Running>(&stage_)) {
     const QString title = qText(std::string(vellum::title(running->action)));
-    if (progress_ && progress_->total > 0) {
-      // Truncated, so 99.9% never shows as done.
-      const auto percent = static_cast<int>(std::floor(100.0 * progress_->fraction()));
+    if (progress_ && progress_->total > 0 && runProgress_) {
+      // The whole run's figure, as the running screen shows it; truncated,
+      // so 99.9% never shows as done.
+      const auto percent = static_cast<int>(std::floor(100.0 * runProgress_->overall().fraction));
       return title + ": " + QString::number(percent) + "%. Keep the " + noun + " connected.";
     }
     return title + " is starting\u2026";
@@ -120,6 +140,18 @@ void CheckModel::setIsRefreshing(bool refreshing) {
   emit isRefreshingChanged();
 }
 
+void CheckModel::addNotice(const Notice& notice, bool alerting) {
+  notices_.push_back(notice);
+  emit noticesChanged();
+  if (alerting) emit alert(qText(notice.text));
+}
+
+void CheckModel::clearNotices() {
+  if (notices_.empty()) return;
+  notices_.clear();
+  emit noticesChanged();
+}
+
 void CheckModel::select(const SelectedCard& card) {
   if (selected_ == card) return;
   selected_ = card;
@@ -154,21 +186,28 @@ void CheckModel::lookForInterruptedChecks() {
 void CheckModel::restoreData() {
   if (!selected_ || !needsRestore_ || isRunning() || restoring_) return;
   restoring_ = true;
+  clearNotices();
   const ProgressRelay relay(link_);
   workers_.start([session = session_.get(), relay, target = RunTarget::of(*selected_)]() mutable {
-    std::string said;
+    std::vector<Notice> said;
+    bool failed = false;
     try {
-      for (const Session::Restored& restored : session->restore(target, {})) {
+      RunHooks hooks;
+      hooks.notice = [&](const Notice& notice) { said.push_back(notice); };
+      for (const Session::Restored& restored : session->restore(target, hooks)) {
         const std::string text = Session::describe(target.name(), restored);
-        said += (said.empty() || text.empty() ? "" : " ") + text;
+        if (!text.empty()) said.push_back({Notice::Level::info, text});
       }
     } catch (const RunError& error) {
-      said = error.description();
+      said.push_back({Notice::Level::warning, error.description()});
+      failed = true;
     }
-    relay.deliver([said = qText(said)](CheckModel& model) {
+    relay.deliver([said = std::move(said), failed](CheckModel& model) {
       model.restoring_ = false;
       model.lookForInterruptedChecks();
-      if (!said.isEmpty()) emit model.notice(said);
+      for (const Notice& notice : said) {
+        model.addNotice(notice, failed || notice.level == Notice::Level::warning);
+      }
     });
   });
 }
@@ -213,19 +252,23 @@ void CheckModel::applyDiskList(int generation, const std::vector<ExternalDisk>& 
   lookForInterruptedChecks();
 }
 
-void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> backupTo,
+void CheckModel::run(const Card& card, CheckAction action,
+                     std::optional<std::filesystem::path> backupTo,
                      std::optional<FormatChoice> format) {
   // Not while the card's data is being put back.
-  if (!selected_ || isRunning() || restoring_) return;
+  if (isRunning() || restoring_) return;
   cancelFlag_ = std::make_shared<CancellationFlag>();
   setProgress(std::nullopt);
   speedHistory_.clear();
+  phaseMarks_.clear();
   emit speedHistoryChanged();
-  const Card card = *selected_;
+  clearNotices();
+  runProgress_.emplace(action, backupTo.has_value());
+  runClock_.start();
   setStatusLine(card.disk() ? "Waiting for access to the " + qText(std::string(card.noun())) +
                                   ". You may be asked for an administrator password."
                             : QStringLiteral("Starting\u2026"));
-  setStage(Running{action});
+  setStage(Running{action, card});
   // Made now, on this thread, so the demo card's device exists before the
   // run needs it.
   if (const auto simulated = card.simulated()) session_->simulatedDevice(*simulated);
@@ -240,19 +283,28 @@ void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> ba
       relay.deliver([line = qText(text)](CheckModel& model) { model.setStatusLine(line); });
     };
     hooks.progress = [relay](const CheckProgress& progress) { relay.send(progress); };
-    hooks.notice = [relay](const std::string& text) {
-      relay.deliver([line = qText(text)](CheckModel& model) { emit model.notice(line); });
+    hooks.notice = [relay](const Notice& notice) {
+      relay.deliver([notice](CheckModel& model) {
+        model.addNotice(notice, notice.level == Notice::Level::warning);
+      });
     };
     const CheckAction ran = request.action;
     try {
       CheckOutcome outcome = session->run(request, *cancel, hooks);
-      relay.deliver(
-          [ran, outcome = std::move(outcome)](CheckModel& model) { model.finish(ran, outcome); });
+      // The card as the run saw it: the command line's facts filled in.
+      relay.deliver([ran, outcome = std::move(outcome), card = *request.target.card](
+                        CheckModel& model) { model.finish(ran, outcome, card); });
     } catch (const RunError& error) {
       if (const auto* cancelled = error.as<RunError::Cancelled>()) {
-        relay.deliver([left = qText(cancelled->whatItLeft)](CheckModel& model) {
+        // The user asked to stop and was told what it leaves: no box, a line
+        // on the home screen where it matters.
+        const bool wrote = ran == CheckAction::full || ran == CheckAction::wipe;
+        const bool worthSaying = ran != CheckAction::health;
+        relay.deliver([left = cancelled->whatItLeft, wrote, worthSaying](CheckModel& model) {
           model.backHome();
-          emit model.notice(left);
+          if (worthSaying) {
+            model.addNotice({wrote ? Notice::Level::warning : Notice::Level::info, left}, false);
+          }
         });
       } else {
         relay.deliver(
@@ -271,23 +323,38 @@ void CheckModel::run(CheckAction action, std::optional<std::filesystem::path> ba
 void CheckModel::update(const std::vector<CheckProgress>& batch) {
   // A late progress of a run that has ended must not bring it back.
   if (!isRunning() || batch.empty()) return;
-  setProgress(batch.back());
+  const double now = elapsedSeconds();
   bool sampled = false;
   for (const CheckProgress& progress : batch) {
+    const auto phaseBefore = runProgress_->phase();
+    const int stepBefore = runProgress_->overall().step;
+    runProgress_->update(progress, now);
+    const bool newStep =
+        runProgress_->phase() != phaseBefore || runProgress_->overall().step != stepBefore;
     if (!addsSpeedSample(progress)) continue;
+    // The chart marks where each step's samples begin.
+    if (newStep || phaseMarks_.empty() || phaseMarks_.back().phase != progress.phase) {
+      phaseMarks_.push_back({speedHistory_.size(), progress.phase});
+    }
     speedHistory_.append(*progress.bytesPerSecond / 1'000'000.0);
     sampled = true;
   }
+  setProgress(batch.back());
   if (!sampled) return;
-  if (speedHistory_.size() > kMaxSpeedSamples) {
-    speedHistory_.remove(0, speedHistory_.size() - kMaxSpeedSamples);
+  if (const qsizetype excess = speedHistory_.size() - kMaxSpeedSamples; excess > 0) {
+    speedHistory_.remove(0, excess);
+    for (PhaseMark& mark : phaseMarks_)
+      mark.sample = std::max<qsizetype>(0, mark.sample - excess);
+    // Of marks pushed to the start, the latest one still holds there.
+    while (phaseMarks_.size() > 1 && phaseMarks_[1].sample == 0)
+      phaseMarks_.erase(phaseMarks_.begin());
   }
   emit speedHistoryChanged();
 }
 
-void CheckModel::finish(CheckAction action, CheckOutcome outcome) {
+void CheckModel::finish(CheckAction action, CheckOutcome outcome, const Card& card) {
   // The session has recorded a disk this Quick Check proved fake.
-  setStage(Result{action, std::move(outcome), QDateTime::currentDateTime()});
+  setStage(Result{action, std::move(outcome), QDateTime::currentDateTime(), card});
   setProgress(std::nullopt);
   // Erasing and formatting change the disk's volumes and name.
   refresh();
@@ -306,6 +373,7 @@ void CheckModel::backHome() {
 }
 
 void CheckModel::done() {
+  clearNotices();
   setStage(Home{});
   refresh();
 }
@@ -318,8 +386,8 @@ void CheckModel::autoRunIfRequested() {
   const std::string action = settings.value("VLAutoRun").toString().toStdString();
   // Formatting is never started without the user.
   if (const auto requested = checkActionFromRawValue(action);
-      requested && *requested != CheckAction::format) {
-    run(*requested);
+      selected_ && requested && *requested != CheckAction::format) {
+    run(*selected_, *requested);
   }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "checks/CheckTypes.h"
+#include "session/RunProgress.h"
 #include "session/Session.h"
 #include "summary/Card.h"
 #include "summary/CheckAction.h"
@@ -66,16 +68,21 @@ class CheckModel final : public QObject {
   Q_PROPERTY(int step READ step NOTIFY stepChanged)
   Q_PROPERTY(QString stepStatus READ stepStatus NOTIFY stepChanged)
   Q_PROPERTY(bool needsRestore READ needsRestore NOTIFY needsRestoreChanged)
+  Q_PROPERTY(NoticeList notices READ notices NOTIFY noticesChanged)
 
  public:
+  // A run and its result keep the card they are about, whatever the list
+  // shows meanwhile: erasing and formatting change a disk's volumes.
   struct Running {
     CheckAction action;
+    Card card;
     bool operator==(const Running&) const = default;
   };
   struct Result {
     CheckAction action;
     CheckOutcome outcome;
     QDateTime finished;
+    Card card;
     bool operator==(const Result&) const = default;
   };
   struct Failed {
@@ -89,6 +96,13 @@ class CheckModel final : public QObject {
   using CardList = std::vector<Card>;
   using SelectedCard = std::optional<Card>;
   using LiveProgress = std::optional<CheckProgress>;
+  using NoticeList = std::vector<Notice>;
+  // Where in the speed history a phase began.
+  struct PhaseMark {
+    qsizetype sample;
+    CheckProgress::Phase phase;
+    bool operator==(const PhaseMark&) const = default;
+  };
 
   // The speed chart keeps this many samples, so it stays cheap to redraw.
   static constexpr qsizetype kMaxSpeedSamples = 400;
@@ -107,6 +121,20 @@ class CheckModel final : public QObject {
   bool isRefreshing() const { return isRefreshing_; }
   const LiveProgress& progress() const { return progress_; }
   const QList<double>& speedHistory() const { return speedHistory_; }
+  const std::vector<PhaseMark>& phaseMarks() const { return phaseMarks_; }
+  // The whole run's step, fraction and time left; none outside a run.
+  const std::optional<RunProgress>& runProgress() const { return runProgress_; }
+  // Seconds since the current run began.
+  double elapsedSeconds() const;
+  // What the last run, stop or restore left the user to know, shown as lines
+  // (warnings were also shown in a box by alert()).
+  const NoticeList& notices() const { return notices_; }
+  // The card of the stage: the one running or the one a result is about;
+  // else the selected one.
+  std::optional<Card> stageCard() const;
+  // The listed card that is the same medium as card (its volumes may have
+  // new names); none when it is no longer listed.
+  std::optional<Card> listedAgain(const Card& card) const;
   const QString& statusLine() const { return statusLine_; }
   bool simulate() const { return simulate_; }
   bool isRunning() const { return std::holds_alternative<Running>(stage_); }
@@ -125,9 +153,11 @@ class CheckModel final : public QObject {
   void select(const SelectedCard& card);
   // Re-reads the disk list on a worker and keeps or drops the selection.
   void refresh();
-  // Starts the action on the selected card and returns at once. A backup,
+  // Starts the action on the card the user chose and confirmed, and returns
+  // at once; the run refuses a disk that is no longer that medium. A backup,
   // when given, is saved first (replacing a file the save panel confirmed).
-  void run(CheckAction action, std::optional<std::filesystem::path> backupTo = std::nullopt,
+  void run(const Card& card, CheckAction action,
+           std::optional<std::filesystem::path> backupTo = std::nullopt,
            std::optional<FormatChoice> format = std::nullopt);
   // Puts back the data of the selected card's interrupted Quick Check on a
   // worker; says what it did through notice().
@@ -152,20 +182,23 @@ class CheckModel final : public QObject {
   void statusLineChanged();
   void stepChanged();
   void needsRestoreChanged();
-  // Something the user should know after the fact (a volume not mounted
-  // again, a backup holding zeros, what a stop left on the card).
-  void notice(const QString& text);
+  void noticesChanged();
+  // Something the user must act on (a volume not mounted again, a backup
+  // holding zeros, a failed restore): shown in a box as well as a line.
+  void alert(const QString& text);
 
  private:
   void setStage(Stage stage);
   void setProgress(LiveProgress progress);
   void setStatusLine(const QString& text);
   void setIsRefreshing(bool refreshing);
-  void finish(CheckAction action, CheckOutcome outcome);
+  void finish(CheckAction action, CheckOutcome outcome, const Card& card);
   void fail(const QString& message);
   void backHome();
   void applyDiskList(int generation, const std::vector<ExternalDisk>& disks);
   void lookForInterruptedChecks();
+  void addNotice(const Notice& notice, bool alerting);
+  void clearNotices();
 
   Stage stage_ = Home{};
   CardList cards_;
@@ -173,6 +206,10 @@ class CheckModel final : public QObject {
   bool isRefreshing_ = false;
   LiveProgress progress_;
   QList<double> speedHistory_;
+  std::vector<PhaseMark> phaseMarks_;
+  std::optional<RunProgress> runProgress_;
+  QElapsedTimer runClock_;
+  NoticeList notices_;
   QString statusLine_;
   std::shared_ptr<CancellationFlag> cancelFlag_ = std::make_shared<CancellationFlag>();
   bool simulate_ = false;

@@ -385,13 +385,19 @@ std::vector<std::uint64_t> gapPoints(const Verdicts& verdicts, std::int64_t coun
   return fresh;
 }
 
+struct SampleRead {
+  double mbps = 0;
+  std::int64_t unreadable = 0;  // pieces
+};
+
 // Reads from the start in 4 MiB pieces; a piece that cannot be read is
-// skipped, and the speed is that of the pieces that were read.
-double readSample(ByteSource& device, std::int64_t sampleBytes, const SecondsClock& clock,
-                  const CancellationFlag& cancel, const ProgressCallback& progress) {
+// counted and skipped, and the speed is that of the pieces that were read.
+SampleRead readSample(ByteSource& device, std::int64_t sampleBytes, const SecondsClock& clock,
+                      const CancellationFlag& cancel, const ProgressCallback& progress) {
   const std::uint64_t limit =
       std::min(device.size() / kSampleReadBytes * kSampleReadBytes, toUnsigned(sampleBytes));
-  if (limit == 0) return 0;
+  if (limit == 0) return {};
+  std::int64_t unreadable = 0;
   AlignedBuffer buffer(kSampleReadBytes);
   const double start = secondsNow(clock);
   double failedSeconds = 0;
@@ -408,6 +414,7 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const SecondsClo
     } catch (const DeviceError& error) {
       if (!error.isMediumFailure()) throw;  // the card is gone
       failedSeconds += secondsNow(clock) - before;
+      ++unreadable;
       n = kSampleReadBytes;
     }
     offset += n;
@@ -418,7 +425,7 @@ double readSample(ByteSource& device, std::int64_t sampleBytes, const SecondsClo
     }
   }
   const double elapsed = secondsNow(clock) - start - failedSeconds;
-  return elapsed > 0 ? static_cast<double>(readBytes) / elapsed / 1e6 : 0;
+  return {elapsed > 0 ? static_cast<double>(readBytes) / elapsed / 1e6 : 0, unreadable};
 }
 
 }  // namespace
@@ -464,7 +471,9 @@ QuickCheck::Result QuickCheck::run(BlockDevice& device, const CancellationFlag& 
   if (journal) journal->remove();
 
   Result result;
-  result.readMBps = readSample(device, readSampleBytes, clock, cancel, progress);
+  const SampleRead sample = readSample(device, readSampleBytes, clock, cancel, progress);
+  result.readMBps = sample.mbps;
+  result.unreadableSamples = sample.unreadable;
   for (const auto& [index, verdict] : verdicts) {
     if (isIntact(verdict)) {
       ++result.pointsIntact;
@@ -507,15 +516,11 @@ std::string_view toString(QuickCheck::Result::Verdict verdict) {
 }
 
 void to_json(nlohmann::json& json, const QuickCheck::Result& result) {
-  json = {{"verdict", toString(result.verdict)},
-          {"claimedBytes", result.claimedBytes},
-          {"verifiedBytes", result.verifiedBytes},
-          {"pointsTested", result.pointsTested},
-          {"pointsIntact", result.pointsIntact},
-          {"pointsAliased", result.pointsAliased},
-          {"pointsCorrupt", result.pointsCorrupt},
-          {"readMBps", result.readMBps},
-          {"duration", result.duration}};
+  json = {{"verdict", toString(result.verdict)},           {"claimedBytes", result.claimedBytes},
+          {"verifiedBytes", result.verifiedBytes},         {"pointsTested", result.pointsTested},
+          {"pointsIntact", result.pointsIntact},           {"pointsAliased", result.pointsAliased},
+          {"pointsCorrupt", result.pointsCorrupt},         {"readMBps", result.readMBps},
+          {"unreadableSamples", result.unreadableSamples}, {"duration", result.duration}};
 }
 
 }  // namespace vellum

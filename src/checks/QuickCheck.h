@@ -41,6 +41,8 @@ struct QuickCheck {
     std::int64_t pointsAliased = 0;
     std::int64_t pointsCorrupt = 0;
     double readMBps = 0;
+    // Pieces of the read sample that could not be read.
+    std::int64_t unreadableSamples = 0;
     double duration = 0;
     bool operator==(const Result&) const = default;
   };

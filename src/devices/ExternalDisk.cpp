@@ -21,6 +21,18 @@ std::string ExternalDisk::displayName() const {
   return mediaName.empty() ? deviceIdentifier : mediaName;
 }
 
+bool ExternalDisk::isSameMedium(const ExternalDisk& other) const {
+  if (diskSequence != 0 && other.diskSequence != 0) {
+    return diskSequence == other.diskSequence && deviceIdentifier == other.deviceIdentifier &&
+           (serial.empty() || other.serial.empty() || serial == other.serial);
+  }
+  if (!serial.empty() && !other.serial.empty()) {
+    return serial == other.serial && sizeBytes == other.sizeBytes;
+  }
+  return deviceIdentifier == other.deviceIdentifier && sizeBytes == other.sizeBytes &&
+         mediaName == other.mediaName;
+}
+
 std::string ExternalDisk::sizeDescription() const {
   return formatByteCount(sizeBytes);
 }

@@ -13,8 +13,18 @@ struct ExternalDisk {
   std::string mediaName;         // empty when unknown
   std::uint64_t sizeBytes = 0;
   std::vector<std::string> volumeNames;
+  // What tells this medium from another under the same kernel name, which
+  // the kernel reuses: the serial, and the disk sequence number, which
+  // changes whenever the medium does. Empty and 0 when unknown.
+  std::string serial;
+  std::uint64_t diskSequence = 0;
 
   bool operator==(const ExternalDisk&) const = default;
+
+  // The same medium as other, whatever its volumes are called now: the same
+  // disk sequence number where both know it, else the same serial and size
+  // where both know the serial, else the same name, size and media name.
+  bool isSameMedium(const ExternalDisk& other) const;
 
   const std::string& id() const noexcept { return deviceIdentifier; }
   std::string devicePath() const { return "/dev/" + deviceIdentifier; }

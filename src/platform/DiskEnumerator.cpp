@@ -17,8 +17,9 @@ std::vector<ExternalDisk> DiskEnumerator::externalDisks(bool includeDiskImages,
     // "Physical only" unless images are wanted: virtual disks never listed.
     if (!includeDiskImages && facts->virtualOrPhysical == "Virtual") continue;
     if (!isMemoryCardLike(*facts, includeDiskImages)) continue;
-    disks.push_back(
-        ExternalDisk{name, facts->mediaName, facts->sizeBytes, volumeNames(reader.volumes(name))});
+    disks.push_back(ExternalDisk{name, facts->mediaName, facts->sizeBytes,
+                                 volumeNames(reader.volumes(name)), facts->serial,
+                                 facts->diskSequence});
   }
   std::sort(disks.begin(), disks.end(), [](const ExternalDisk& a, const ExternalDisk& b) {
     return listedBefore(a.deviceIdentifier, b.deviceIdentifier);

@@ -247,7 +247,10 @@ std::optional<DiskFacts> DiskFactsReader::facts(const std::string& name) const {
 
   facts.deviceTreePath = "/" + located->dir.lexically_relative(sysRoot).string();
   const std::string diskseq = attribute(located->diskDir / "diskseq");
-  if (!diskseq.empty()) facts.deviceTreePath += "#diskseq=" + diskseq;
+  if (!diskseq.empty()) {
+    facts.deviceTreePath += "#diskseq=" + diskseq;
+    std::from_chars(diskseq.data(), diskseq.data() + diskseq.size(), facts.diskSequence);
+  }
   facts.readOnly = attribute(located->dir / "ro") == "1";
   facts.hidden = attribute(located->diskDir / "hidden") == "1";
 

@@ -41,8 +41,9 @@ struct DiskFacts {
   std::uint64_t sizeBytes = 0;
   std::int64_t deviceBlockSize = 512;
   std::string mediaName;
-  std::string serial;          // the medium's or device's serial number; empty when unknown
-  std::string deviceTreePath;  // "/devices/...#diskseq=N"
+  std::string serial;              // the medium's or device's serial number; empty when unknown
+  std::string deviceTreePath;      // "/devices/...#diskseq=N"
+  std::uint64_t diskSequence = 0;  // changes whenever the medium does; 0 when unknown
   bool readOnly = false;
   bool hidden = false;
 

@@ -6,6 +6,7 @@
 #include <QPageSize>
 #include <QPainter>
 #include <QPdfWriter>
+#include <algorithm>
 
 #include "report/SpeedChart.h"
 
@@ -189,8 +190,22 @@ bool ReportPage::writePdf(const QString& path) const {
 
 std::string proposedReportName(CheckAction action, const std::optional<Card>& card,
                                const QDate& day) {
-  return "Vellum " + std::string(title(action)) + " " + (card ? card->title() : "card") + " " +
-         day.toString(Qt::ISODate).toStdString() + ".pdf";
+  std::string name = "Vellum Check " + std::string(title(action)) + " ";
+  if (!card) {
+    name += "card";
+  } else {
+    name += card->title();
+    // The kernel name tells apart two disks of the same make.
+    if (card->disk() && card->title() != card->id()) {
+      name += ' ';
+      name += card->id();
+    }
+  }
+  // A volume or media name may hold a slash, which no file name can.
+  std::replace(name.begin(), name.end(), '/', '-');
+  name += ' ';
+  name += day.toString(Qt::ISODate).toStdString();
+  return name + ".pdf";
 }
 
 std::string saveDialogTitle(CheckAction action) {

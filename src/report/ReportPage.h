@@ -26,8 +26,9 @@ struct ReportPage {
   bool writePdf(const QString& path) const;
 };
 
-// "Vellum Quick Check Demo card (fake) 2026-11-16.pdf": the name a save
-// dialog proposes ("card" stands in when there is no card).
+// "Vellum Check Quick Check Demo card (fake) 2026-11-16.pdf", or for a disk
+// "Vellum Check Full Test PHOTOS sdb 2026-11-16.pdf": the name a save dialog
+// proposes ("card" stands in when there is no card).
 std::string proposedReportName(CheckAction action, const std::optional<Card>& card,
                                const QDate& day);
 

@@ -3,6 +3,7 @@
 #include <QColor>
 #include <QPainter>
 #include <QRectF>
+#include <QString>
 #include <vector>
 
 namespace vellum {
@@ -17,7 +18,19 @@ struct SpeedChartStyle {
   QColor text{0x6B, 0x72, 0x80};
 };
 
+// Where a phase of the run begins: a sample index and what the phase is.
+struct SpeedChartMark {
+  std::size_t sample = 0;
+  QString label;
+  bool operator==(const SpeedChartMark&) const = default;
+};
+
+// The scale's top in MB/s: four equal steps of a whole, round number (1 to
+// 8 times a power of ten), so every grid line reads as whole MB/s.
+double speedChartTop(double fastest);
+
 void drawSpeedChart(QPainter& painter, const QRectF& rect, const std::vector<double>& samples,
-                    const SpeedChartStyle& style = {});
+                    const SpeedChartStyle& style = {},
+                    const std::vector<SpeedChartMark>& marks = {});
 
 }  // namespace vellum

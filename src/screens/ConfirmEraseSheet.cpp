@@ -9,6 +9,7 @@
 #include <QRadioButton>
 #include <QVBoxLayout>
 
+#include "platform/DiskFormatter.h"
 #include "screens/Prompts.h"
 #include "screens/StyleParts.h"
 
@@ -72,7 +73,11 @@ ConfirmEraseSheet::ConfirmEraseSheet(CheckAction action, const Card& card, Promp
     auto* systems = new QHBoxLayout;
     exfat_ = new QRadioButton("exFAT", this);
     auto* fat32 = new QRadioButton("FAT32", this);
-    exfat_->setChecked(true);
+    // As SD cards come: FAT32 up to 32 GiB (SDHC cameras refuse exFAT),
+    // exFAT above.
+    const ExternalDisk* disk = card.disk();
+    const bool small = disk && disk->sizeBytes != 0 && disk->sizeBytes <= 32ull << 30;
+    (small ? fat32 : exfat_)->setChecked(true);
     systems->addWidget(exfat_);
     systems->addWidget(fat32);
     systems->addStretch();
@@ -80,7 +85,17 @@ ConfirmEraseSheet::ConfirmEraseSheet(CheckAction action, const Card& card, Promp
     volumeName_ = new QLineEdit("UNTITLED", this);
     volumeName_->setAccessibleName("Card name");
     form->addRow("Card name", volumeName_);
+    // How the name will be written on the card, as one types it.
+    nameOnCard_ = secondaryLabel({}, this);
+    form->addRow(QString(), nameOnCard_);
     layout->addLayout(form);
+    const auto showNameOnCard = [this] {
+      nameOnCard_->setText(
+          "Written on the card as " +
+          QString::fromStdString(DiskFormatter::sanitizedName(volumeName_->text().toStdString())));
+    };
+    connect(volumeName_, &QLineEdit::textChanged, this, showNameOnCard);
+    showNameOnCard();
   }
   // A backup is offered where there is something of the user's to keep: real
   // disks, before a test or a wipe.
@@ -117,6 +132,10 @@ ConfirmEraseSheet::ConfirmEraseSheet(CheckAction action, const Card& card, Promp
   typed_->setFocus();
 }
 
+bool ConfirmEraseSheet::exfatChosen() const {
+  return exfat_ && exfat_->isChecked();
+}
+
 std::optional<FormatChoice> ConfirmEraseSheet::formatChoice() const {
   if (action_ != CheckAction::format) return std::nullopt;
   return FormatChoice{exfat_->isChecked() ? FileSystem::exfat : FileSystem::fat32,
@@ -125,7 +144,7 @@ std::optional<FormatChoice> ConfirmEraseSheet::formatChoice() const {
 
 void ConfirmEraseSheet::chooseBackup() {
   const std::optional<QString> chosen = prompts_.saveFile(
-      this, "Back Up Card", QString::fromStdString(card_.title()) + " backup.img");
+      this, "Back Up Card", QString::fromStdString(card_.title()) + " backup.img", "img");
   if (chosen) backupTo_ = chosen->toStdString();
   const QString noun = QString::fromStdString(std::string(card_.noun()));
   backup_->setChecked(backupTo_.has_value());

@@ -27,11 +27,15 @@ class ConfirmEraseSheet final : public QDialog {
                     QWidget* parent = nullptr);
 
   CheckAction action() const { return action_; }
+  const Card& card() const { return card_; }
   const std::optional<std::filesystem::path>& backupTo() const { return backupTo_; }
   // The file system and typed name, for a format.
   std::optional<FormatChoice> formatChoice() const;
   QPushButton* eraseButton() const { return erase_; }
   QLineEdit* typedField() const { return typed_; }
+  QLineEdit* volumeNameField() const { return volumeName_; }
+  QLabel* nameOnCard() const { return nameOnCard_; }
+  bool exfatChosen() const;
 
  private:
   void chooseBackup();
@@ -46,6 +50,7 @@ class ConfirmEraseSheet final : public QDialog {
   QPushButton* backup_ = nullptr;
   QRadioButton* exfat_ = nullptr;
   QLineEdit* volumeName_ = nullptr;
+  QLabel* nameOnCard_ = nullptr;
 };
 
 }  // namespace vellum

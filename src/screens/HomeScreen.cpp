@@ -6,6 +6,7 @@
 #include <QLabel>
 #include <QListWidget>
 #include <QPushButton>
+#include <QScrollArea>
 #include <QStackedWidget>
 #include <QVBoxLayout>
 
@@ -60,10 +61,23 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
       refresh_(new QPushButton("Refresh", this)),
       format_(new QPushButton("Format for a Camera\u2026", this)),
       restoreBanner_(tileFrame(this)),
-      restore_(new QPushButton("Put Data Back", restoreBanner_)) {
-  auto* layout = new QVBoxLayout(this);
-  layout->setContentsMargins(0, 8, 0, 0);
+      restore_(new QPushButton("Put Data Back", restoreBanner_)),
+      notices_(new NoticeLines(this)) {
+  // Scrolls rather than cutting text off in a small window.
+  auto* outer = new QVBoxLayout(this);
+  outer->setContentsMargins(0, 0, 0, 0);
+  auto* scroll = new QScrollArea(this);
+  scroll->setWidgetResizable(true);
+  scroll->setFrameShape(QFrame::NoFrame);
+  scroll->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+  outer->addWidget(scroll);
+  auto* content = new QWidget(scroll);
+  scroll->setWidget(content);
+  auto* layout = new QVBoxLayout(content);
+  layout->setContentsMargins(0, 8, 8, 0);
   layout->setSpacing(10);
+  // What the last stop or restore left the user to know.
+  layout->addWidget(notices_);
 
   auto* cardHeader = new QHBoxLayout;
   cardHeader->addWidget(headingLabel("Card or drive", 1, this), 1);
@@ -142,11 +156,24 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
   connect(&model_, &CheckModel::needsRestoreChanged, this,
           [this] { restoreBanner_->setVisible(model_.needsRestore()); });
   connect(format_, &QPushButton::clicked, this, [this] { start(CheckAction::format); });
-  connect(list_, &QListWidget::currentRowChanged, this, [this](int row) {
+  // Only a click or a key selects a card. Focus alone makes the first row
+  // current (Qt does that for keyboard users); that row is not chosen, so
+  // the current row goes back to none.
+  connect(list_, &QListWidget::itemSelectionChanged, this, [this] {
+    const QList<QListWidgetItem*> items = list_->selectedItems();
+    const int row = items.isEmpty() ? -1 : list_->row(items.front());
     if (row >= 0 && row < static_cast<int>(model_.cards().size())) {
       model_.select(model_.cards()[static_cast<std::size_t>(row)]);
+    } else {
+      showSelection();  // a click that unselects changes nothing
     }
   });
+  connect(list_, &QListWidget::currentRowChanged, this, [this](int row) {
+    if (row < 0 || list_->item(row)->isSelected()) return;
+    QMetaObject::invokeMethod(this, &HomeScreen::showSelection, Qt::QueuedConnection);
+  });
+  connect(&model_, &CheckModel::noticesChanged, this,
+          [this] { notices_->setNotices(model_.notices()); });
   connect(&model_, &CheckModel::cardsChanged, this, &HomeScreen::showCards);
   connect(&model_, &CheckModel::selectedChanged, this, &HomeScreen::showSelection);
   connect(&model_, &CheckModel::isRefreshingChanged, this,
@@ -188,7 +215,11 @@ void HomeScreen::showSelection() {
                                           ? symbolIcon("checkmark.circle.fill", colors::accent, 28)
                                           : symbolIcon("sdcard", colors::secondary(this), 28));
   }
-  list_->setCurrentRow(row);
+  if (row >= 0) {
+    list_->setCurrentRow(row);
+  } else {
+    list_->selectionModel()->clear();
+  }
   const bool haveCard = model_.selected().has_value();
   for (QPushButton* button : runButtons_)
     button->setEnabled(haveCard);
@@ -197,29 +228,39 @@ void HomeScreen::showSelection() {
 }
 
 void HomeScreen::start(CheckAction action) {
-  if (!model_.selected() || model_.isRunning()) return;
-  const Card card = *model_.selected();
+  if (model_.selected()) startOn(*model_.selected(), action);
+}
+
+void HomeScreen::startOn(const Card& card, CheckAction action) {
+  if (model_.isRunning()) return;
   const QString noun = qText(card.noun());
   switch (action) {
     case CheckAction::health:
-      model_.run(CheckAction::health);
+      model_.run(card, CheckAction::health);
       return;
-    case CheckAction::quick:
+    case CheckAction::quick: {
+      // Named, so that a question never stands for a card the user did not
+      // mean: “CARDB” (sdc), or the demo card's title.
+      QString named = noun + " \u201C" + QString::fromStdString(card.title()) + "\u201D";
+      if (card.disk() && card.title() != card.id()) named += " (" + qText(card.id()) + ")";
       if (prompts_.ask(this, "Run a Quick Check?",
-                       "Vellum writes small test blocks across the " + noun +
+                       "Vellum writes small test blocks across the " + named +
                            ", reads them back, then puts your original data back. Keep the " +
                            noun + " connected until it finishes, about a minute.",
                        "Run Quick Check", "Cancel")) {
-        model_.run(CheckAction::quick);
+        model_.run(card, CheckAction::quick);
       }
       return;
+    }
     case CheckAction::full:
     case CheckAction::wipe:
     case CheckAction::format: {
       auto* sheet = new ConfirmEraseSheet(action, card, prompts_, window());
       sheet->setAttribute(Qt::WA_DeleteOnClose);
+      // Runs exactly the card it confirmed; the run refuses it if that disk
+      // changed meanwhile.
       connect(sheet, &QDialog::accepted, this, [this, sheet] {
-        model_.run(sheet->action(), sheet->backupTo(), sheet->formatChoice());
+        model_.run(sheet->card(), sheet->action(), sheet->backupTo(), sheet->formatChoice());
       });
       sheet->open();
       return;

@@ -3,6 +3,7 @@
 #include <QWidget>
 #include <array>
 
+#include "summary/Card.h"
 #include "summary/CheckAction.h"
 
 class QListWidget;
@@ -12,6 +13,7 @@ class QStackedWidget;
 namespace vellum {
 
 class CheckModel;
+class NoticeLines;
 class Prompts;
 
 // The card list and the tests: where every run starts.
@@ -29,8 +31,14 @@ class HomeScreen final : public QWidget {
   QPushButton* restoreButton() const { return restore_; }
 
  public slots:
-  // Asks what the action needs (a question, or the erase sheet) and runs it.
+  // Asks what the action needs (a question, or the erase sheet) and runs it
+  // on the selected card; nothing without one.
   void start(CheckAction action);
+
+ public:
+  // The same for a card the user pointed at elsewhere (the result's card).
+  void startOn(const Card& card, CheckAction action);
+  NoticeLines* notices() const { return notices_; }
 
  private:
   void showCards();
@@ -44,6 +52,7 @@ class HomeScreen final : public QWidget {
   QPushButton* format_;
   QWidget* restoreBanner_;
   QPushButton* restore_;
+  NoticeLines* notices_;
   std::array<QPushButton*, 4> runButtons_{};
 };
 

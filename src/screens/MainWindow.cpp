@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QDesktopServices>
 #include <QFrame>
+#include <QGuiApplication>
 #include <QMenuBar>
 #include <QStackedWidget>
 #include <QVBoxLayout>
@@ -48,10 +49,12 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
   }
   layout->addWidget(screens_, 1);
   setCentralWidget(central);
-  resize(760, 820);
-  setMinimumSize(560, 640);
+  // Fits a 1280 × 800 screen with its panel and title bar; the home screen
+  // scrolls below that.
+  resize(760, 700);
+  setMinimumSize(560, 520);
 
-  connect(&model, &CheckModel::notice, this,
+  connect(&model, &CheckModel::alert, this,
           [this, &prompts](const QString& text) { prompts.inform(this, "Vellum Check", text); });
 
   QMenu* menu = menuBar()->addMenu("&Vellum Check");
@@ -65,8 +68,17 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
   auto* updates =
       new UpdateChecker(UpdateChecker::configuredFeed(), QCoreApplication::applicationVersion(),
                         std::chrono::seconds(10), this);
-  connect(checkForUpdates_, &QAction::triggered, updates, &UpdateChecker::check);
+  // The feed may take seconds to answer: the menu item says it is working.
+  connect(checkForUpdates_, &QAction::triggered, updates, [this, updates] {
+    checkForUpdates_->setEnabled(false);
+    checkForUpdates_->setText("Checking for Updates\u2026");
+    QGuiApplication::setOverrideCursor(Qt::BusyCursor);
+    updates->check();
+  });
   connect(updates, &UpdateChecker::finished, this, [this, &prompts](const UpdateCheck& check) {
+    QGuiApplication::restoreOverrideCursor();
+    checkForUpdates_->setText("Check for Updates\u2026");
+    checkForUpdates_->setEnabled(true);
     const auto* available = std::get_if<update_check::Available>(&check);
     if (!available) {
       prompts.inform(this, "Check for Updates", describe(check));
@@ -76,8 +88,20 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
     }
   });
 
-  connect(result_, &ResultScreen::formatRequested, home_,
-          [this] { home_->start(CheckAction::format); });
+  // The result's card, found again in the list by its medium (its volumes
+  // have new names after a test or wipe), never whatever is selected.
+  connect(result_, &ResultScreen::formatRequested, this, [this, &prompts](const Card& card) {
+    if (const std::optional<Card> listed = model_.listedAgain(card)) {
+      home_->startOn(*listed, CheckAction::format);
+      return;
+    }
+    const QString noun = QString::fromStdString(std::string(card.noun()));
+    prompts.inform(this, "The " + noun + " isn't connected",
+                   QString::fromStdString(card.title() + " (" + card.id() + ")") +
+                       " is no longer connected, or another " + noun +
+                       " is in its place. Nothing was formatted. Connect it again, choose it "
+                       "on the home screen, then choose Format for a Camera\u2026");
+  });
   for (auto signal : {&CheckModel::stageChanged, &CheckModel::stepChanged}) {
     connect(&model_, signal, this, &MainWindow::showStage);
   }

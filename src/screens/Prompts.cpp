@@ -13,12 +13,12 @@
 namespace vellum {
 
 bool DesktopPrompts::ask(QWidget* parent, const QString& title, const QString& message,
-                         const QString& accept, const QString& cancel) {
+                         const QString& accept, const QString& cancel, bool cancelByDefault) {
   QMessageBox box(QMessageBox::Question, title, title, QMessageBox::NoButton, parent);
   box.setInformativeText(message);
   QPushButton* yes = box.addButton(accept, QMessageBox::AcceptRole);
-  box.addButton(cancel, QMessageBox::RejectRole);
-  box.setDefaultButton(yes);
+  QPushButton* no = box.addButton(cancel, QMessageBox::RejectRole);
+  box.setDefaultButton(cancelByDefault ? no : yes);
   box.exec();
   return box.clickedButton() == yes;
 }
@@ -28,9 +28,12 @@ void DesktopPrompts::inform(QWidget* parent, const QString& title, const QString
 }
 
 std::optional<QString> DesktopPrompts::saveFile(QWidget* parent, const QString& title,
-                                                const QString& proposedName) {
+                                                const QString& proposedName,
+                                                const QString& suffix) {
   QFileDialog dialog(parent, title);
   dialog.setAcceptMode(QFileDialog::AcceptSave);
+  dialog.setNameFilter((suffix == "pdf" ? "PDF documents (*." : "Disk images (*.") + suffix + ")");
+  dialog.setDefaultSuffix(suffix);
   dialog.setDirectory(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation));
   dialog.selectFile(proposedName);
   if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return std::nullopt;

@@ -43,16 +43,27 @@ ResultScreen::ResultScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
   done_->setDefault(true);
   layout->addLayout(buttons);
 
-  connect(format_, &QPushButton::clicked, this, &ResultScreen::formatRequested);
+  connect(format_, &QPushButton::clicked, this, [this] {
+    if (const auto* result = std::get_if<CheckModel::Result>(&model_.stage())) {
+      emit formatRequested(result->card);
+    }
+  });
   connect(save_, &QPushButton::clicked, this, &ResultScreen::saveReport);
   connect(done_, &QPushButton::clicked, &model_, &CheckModel::done);
   connect(&model_, &CheckModel::stageChanged, this, &ResultScreen::showResult);
+  // A notice may arrive just after the result (a volume mounted again).
+  connect(&model_, &CheckModel::noticesChanged, this, [this] {
+    if (notices_ && std::holds_alternative<CheckModel::Result>(model_.stage())) {
+      notices_->setNotices(model_.notices());
+    }
+  });
 }
 
 void ResultScreen::showResult() {
   const auto* result = std::get_if<CheckModel::Result>(&model_.stage());
   if (!result) return;
-  const ResultSummary summary(result->outcome, model_.selected());
+  // The card it ran on, whatever the list shows now.
+  const ResultSummary summary(result->outcome, result->card);
   const QColor tone = colors::of(summary.tone);
 
   // Built afresh for every result: the facts and advice differ in number.
@@ -71,6 +82,9 @@ void ResultScreen::showResult() {
   texts->addWidget(textLabel(qText(summary.explanation), body));
   top->addLayout(texts, 1);
   layout->addLayout(top);
+  notices_ = new NoticeLines(body);
+  notices_->setNotices(model_.notices());
+  layout->addWidget(notices_);
 
   auto* facts = new QGridLayout;
   facts->setHorizontalSpacing(24);
@@ -107,8 +121,7 @@ void ResultScreen::showResult() {
   delete scroll_->takeWidget();
   scroll_->setWidget(body);
 
-  const bool realDisk = model_.selected() && model_.selected()->disk();
-  format_->setVisible(summary.suggestsFormat && realDisk);
+  format_->setVisible(summary.suggestsFormat && result->card.disk() != nullptr);
   save_->setText(result->action == CheckAction::wipe ? "Save Certificate\u2026"
                                                      : "Save Report\u2026");
 }
@@ -118,9 +131,9 @@ void ResultScreen::saveReport() {
   if (!result) return;
   const std::optional<QString> path = prompts_.saveFile(
       this, qText(saveDialogTitle(result->action)),
-      qText(proposedReportName(result->action, model_.selected(), result->finished.date())));
+      qText(proposedReportName(result->action, result->card, result->finished.date())), "pdf");
   if (!path) return;  // a cancelled save is not an error
-  const ReportPage page{ResultSummary(result->outcome, model_.selected()), result->action,
+  const ReportPage page{ResultSummary(result->outcome, result->card), result->action,
                         result->finished};
   if (!page.writePdf(*path)) {
     prompts_.inform(

@@ -2,6 +2,8 @@
 
 #include <QWidget>
 
+#include "summary/Card.h"
+
 class QLabel;
 class QPushButton;
 class QScrollArea;
@@ -9,6 +11,7 @@ class QScrollArea;
 namespace vellum {
 
 class CheckModel;
+class NoticeLines;
 class Prompts;
 
 // The verdict of a finished run, what to do next, the report to save.
@@ -22,9 +25,11 @@ class ResultScreen final : public QWidget {
   QPushButton* doneButton() const { return done_; }
   QLabel* headline() const { return headline_; }
   QWidget* chart() const { return chart_; }
+  NoticeLines* notices() const { return notices_; }
 
  signals:
-  void formatRequested();
+  // Format for a Camera… on the card the result is about.
+  void formatRequested(const vellum::Card& card);
 
  private:
   void showResult();
@@ -35,6 +40,7 @@ class ResultScreen final : public QWidget {
   QScrollArea* scroll_;
   QLabel* headline_ = nullptr;
   QWidget* chart_ = nullptr;
+  NoticeLines* notices_ = nullptr;
   QPushButton* format_;
   QPushButton* save_;
   QPushButton* done_;

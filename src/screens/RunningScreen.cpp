@@ -4,6 +4,7 @@
 #include <QLabel>
 #include <QProgressBar>
 #include <QPushButton>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
@@ -11,13 +12,13 @@
 #include "screens/Prompts.h"
 #include "screens/StyleParts.h"
 #include "screens/Symbols.h"
+#include "summary/TextFormat.h"
 
 namespace vellum {
 namespace {
 
-QString phaseText(const std::optional<CheckProgress>& progress) {
-  if (!progress) return "Starting\u2026";
-  switch (progress->phase) {
+QString phaseText(CheckProgress::Phase phase) {
+  switch (phase) {
     case CheckProgress::Phase::probing:
       return "Testing points across the card";
     case CheckProgress::Phase::restoring:
@@ -34,6 +35,11 @@ QString phaseText(const std::optional<CheckProgress>& progress) {
       return "Looking for recoverable files";
   }
   return {};
+}
+
+// "2m 5s": whole seconds, "0s" before the first.
+QString clockText(double seconds) {
+  return seconds < 1 ? QStringLiteral("0s") : QString::fromStdString(durationText(seconds));
 }
 
 QString stopMessage(CheckAction action) {
@@ -66,7 +72,8 @@ RunningScreen::RunningScreen(CheckModel& model, Prompts& prompts, QWidget* paren
       status_(textLabel({}, this)),
       chart_(new SpeedChartView(this)),
       stop_(new QPushButton("Stop", this)),
-      pulse_(new QVariantAnimation(this)) {
+      pulse_(new QVariantAnimation(this)),
+      clock_(new QTimer(this)) {
   auto* layout = new QVBoxLayout(this);
   layout->setContentsMargins(0, 16, 0, 0);
   layout->setSpacing(10);
@@ -118,44 +125,68 @@ RunningScreen::RunningScreen(CheckModel& model, Prompts& prompts, QWidget* paren
           [this] { status_->setText(model_.statusLine()); });
   connect(&model_, &CheckModel::speedHistoryChanged, this, [this] {
     const QList<double>& history = model_.speedHistory();
-    chart_->setSamples(std::vector<double>(history.begin(), history.end()));
+    std::vector<SpeedChartMark> marks;
+    for (const CheckModel::PhaseMark& mark : model_.phaseMarks()) {
+      marks.push_back({static_cast<std::size_t>(mark.sample), phaseText(mark.phase)});
+    }
+    chart_->setSamples(std::vector<double>(history.begin(), history.end()), std::move(marks));
   });
+  clock_->setInterval(1000);
+  connect(clock_, &QTimer::timeout, this, &RunningScreen::showProgress);
 }
 
 void RunningScreen::showStage() {
   const auto* running = std::get_if<CheckModel::Running>(&model_.stage());
   if (!running) {
     pulse_->stop();
+    clock_->stop();
     return;
   }
   const QString title = QString::fromUtf8(vellum::title(running->action).data());
-  const QString card = model_.selected() ? QString::fromStdString(model_.selected()->title())
-                                         : QStringLiteral("card");
-  heading_->setText(title + ": " + card);
+  heading_->setText(title + ": " + QString::fromStdString(running->card.title()));
   stop_->setEnabled(true);
   chart_->setSamples({});
   showProgress();
   pulse_->start();
+  clock_->start();
 }
 
 void RunningScreen::showProgress() {
   const std::optional<CheckProgress>& progress = model_.progress();
-  phase_->setText(phaseText(progress));
-  const double fraction = progress ? progress->fraction() : 0.0;
-  bar_->setValue(static_cast<int>(fraction * 1000));
-  QString figures = QString::asprintf("%.0f%%", fraction * 100);
-  if (progress && progress->bytesPerSecond) {
+  const std::optional<RunProgress>& run = model_.runProgress();
+  if (!progress || !run || !run->phase()) {
+    phase_->setText("Starting\u2026");
+    bar_->setValue(0);
+    speed_->setText(clockText(model_.elapsedSeconds()) + " so far");
+    return;
+  }
+  const RunProgress::Overall& overall = run->overall();
+  QString phase = phaseText(*run->phase());
+  if (overall.steps > 1) {
+    phase += QString(" (step %1 of %2)").arg(overall.step).arg(overall.steps);
+  }
+  phase_->setText(phase);
+  // One bar for the whole run, so it never goes back between steps; the
+  // step bar above shows the same percent.
+  bar_->setValue(static_cast<int>(overall.fraction * 1000));
+  QString figures = QString::number(static_cast<int>(overall.fraction * 100)) + "%";
+  if (progress->bytesPerSecond) {
     figures += QString::asprintf("  \u00B7  %.1f MB/s", *progress->bytesPerSecond / 1e6);
   }
-  speed_->setText(progress ? figures : QString());
+  figures += "\n" + clockText(model_.elapsedSeconds()) + " so far";
+  if (overall.secondsLeft && *overall.secondsLeft >= 1) {
+    figures += ", about " + clockText(*overall.secondsLeft) + " left";
+  }
+  speed_->setText(figures);
 }
 
 bool RunningScreen::askToStop() {
   const auto* running = std::get_if<CheckModel::Running>(&model_.stage());
   if (!running) return true;
   const QString title = QString::fromUtf8(vellum::title(running->action).data());
+  // Enter keeps going: stopping is the choice that loses work.
   if (prompts_.ask(this, "Stop the " + title + "?", stopMessage(running->action), "Stop",
-                   "Keep Going")) {
+                   "Keep Going", true)) {
     model_.cancelFlag().cancel();
     stop_->setEnabled(false);
     return true;

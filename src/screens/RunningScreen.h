@@ -5,6 +5,7 @@
 class QLabel;
 class QProgressBar;
 class QPushButton;
+class QTimer;
 class QVariantAnimation;
 
 namespace vellum {
@@ -26,6 +27,9 @@ class RunningScreen final : public QWidget {
   bool askToStop();
   QProgressBar* progressBar() const { return bar_; }
   SpeedChartView* chart() const { return chart_; }
+  QLabel* phase() const { return phase_; }
+  // Percent, speed, time spent and time left.
+  QLabel* figures() const { return speed_; }
 
  private:
   void showStage();
@@ -42,6 +46,7 @@ class RunningScreen final : public QWidget {
   SpeedChartView* chart_;
   QPushButton* stop_;
   QVariantAnimation* pulse_;
+  QTimer* clock_;  // the time spent moves on between progress records
 };
 
 }  // namespace vellum

@@ -153,8 +153,9 @@ SpeedChartView::SpeedChartView(QWidget* parent) : QWidget(parent) {
   setAccessibleName("Speed chart");
 }
 
-void SpeedChartView::setSamples(std::vector<double> samples) {
+void SpeedChartView::setSamples(std::vector<double> samples, std::vector<SpeedChartMark> marks) {
   samples_ = std::move(samples);
+  marks_ = std::move(marks);
   update();
 }
 
@@ -162,7 +163,42 @@ void SpeedChartView::paintEvent(QPaintEvent*) {
   QPainter painter(this);
   SpeedChartStyle style;
   style.text = colors::secondary(this);
-  drawSpeedChart(painter, QRectF(rect()).adjusted(0, 4, -2, -2), samples_, style);
+  drawSpeedChart(painter, QRectF(rect()).adjusted(0, 4, -2, -2), samples_, style, marks_);
+}
+
+NoticeLines::NoticeLines(QWidget* parent) : QWidget(parent) {
+  auto* layout = new QVBoxLayout(this);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSpacing(4);
+  setVisible(false);
+}
+
+void NoticeLines::setNotices(const std::vector<Notice>& notices) {
+  while (QLayoutItem* item = layout()->takeAt(0)) {
+    delete item->widget();
+    delete item;
+  }
+  for (const Notice& notice : notices) {
+    auto* line = new QWidget(this);
+    auto* row = new QHBoxLayout(line);
+    row->setContentsMargins(0, 0, 0, 0);
+    const bool warning = notice.level == Notice::Level::warning;
+    row->addWidget(symbolLabel(warning ? "exclamationmark.triangle.fill" : "checkmark.circle.fill",
+                               warning ? colors::warning : colors::secondary(this), 16, line),
+                   0, Qt::AlignTop);
+    QLabel* text = textLabel(QString::fromStdString(notice.text), line);
+    text->setObjectName("notice");
+    row->addWidget(text, 1);
+    layout()->addWidget(line);
+  }
+  setVisible(!notices.empty());
+}
+
+QStringList NoticeLines::texts() const {
+  QStringList texts;
+  for (const QLabel* label : findChildren<QLabel*>("notice"))
+    texts.push_back(label->text());
+  return texts;
 }
 
 }  // namespace vellum

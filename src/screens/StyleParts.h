@@ -6,6 +6,8 @@
 #include <QWidget>
 #include <vector>
 
+#include "report/SpeedChart.h"
+#include "session/Session.h"
 #include "summary/ResultSummary.h"
 
 namespace vellum {
@@ -60,19 +62,33 @@ class StepBar final : public QWidget {
   QLabel* status_;
 };
 
-// The speed samples as a line chart, drawn by the report's own chart code.
+// The speed samples as a line chart, drawn by the report's own chart code,
+// with a mark where each phase of the run began.
 class SpeedChartView final : public QWidget {
   Q_OBJECT
  public:
   explicit SpeedChartView(QWidget* parent = nullptr);
-  void setSamples(std::vector<double> samples);
+  void setSamples(std::vector<double> samples, std::vector<SpeedChartMark> marks = {});
   const std::vector<double>& samples() const { return samples_; }
+  const std::vector<SpeedChartMark>& marks() const { return marks_; }
 
  protected:
   void paintEvent(QPaintEvent* event) override;
 
  private:
   std::vector<double> samples_;
+  std::vector<SpeedChartMark> marks_;
+};
+
+// Facts left by the last run, one line each: a quiet mark for what only
+// informs, the warning colour for what the user should act on. Hidden when
+// there are none.
+class NoticeLines final : public QWidget {
+  Q_OBJECT
+ public:
+  explicit NoticeLines(QWidget* parent = nullptr);
+  void setNotices(const std::vector<Notice>& notices);
+  QStringList texts() const;
 };
 
 }  // namespace vellum

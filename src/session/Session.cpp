@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "bytes/DeviceError.h"
@@ -16,6 +17,7 @@
 #include "devices/WriteError.h"
 #include "platform/DeviceGuard.h"
 #include "platform/DiskFormatter.h"
+#include "platform/FormatHelper.h"
 
 namespace vellum {
 namespace {
@@ -29,8 +31,19 @@ void say(const RunHooks& hooks, StatusKind kind, const std::string& text) {
   if (hooks.status) hooks.status(kind, text);
 }
 
-void tell(const RunHooks& hooks, const std::string& text) {
-  if (hooks.notice) hooks.notice(text);
+void tell(const RunHooks& hooks, const std::string& text,
+          Notice::Level level = Notice::Level::info) {
+  if (hooks.notice) hooks.notice(Notice{level, text});
+}
+
+// The disk the guard sees now is the medium the user chose from the list:
+// the same size and media name, and the same disk sequence number and serial
+// where both sides know them (the kernel reuses names like sdb).
+bool isChosenMedium(const ExternalDisk& chosen, const DiskIdentity& now) {
+  if (chosen.sizeBytes != now.sizeBytes || chosen.mediaName != now.mediaName) return false;
+  const std::uint64_t sequence = diskSequence(now);
+  if (chosen.diskSequence != 0 && sequence != 0 && chosen.diskSequence != sequence) return false;
+  return chosen.serial.empty() || now.serial.empty() || chosen.serial == now.serial;
 }
 
 [[noreturn]] void refuse(std::string message) {
@@ -303,9 +316,11 @@ void Session::backUp(const RunRequest& request, const CancellationFlag& cancel,
         *source, destination.string(), cancel, hooks.progress);
     // A disk reads its unreadable sectors as zeros: the backup holds zeros there.
     if (const std::int64_t lost = source->badReads(); lost > 0) {
-      tell(hooks, "The backup holds zeros for " + std::to_string(lost) +
-                      (lost == 1 ? " unreadable sector" : " unreadable sectors") + " of the " +
-                      target.noun() + ".");
+      tell(hooks,
+           "The backup holds zeros for " + std::to_string(lost) +
+               (lost == 1 ? " unreadable sector" : " unreadable sectors") + " of the " +
+               target.noun() + ".",
+           Notice::Level::warning);
     }
   } catch (const CheckError& error) {
     if (error.is<CheckError::Cancelled>()) {
@@ -350,11 +365,18 @@ CheckOutcome Session::run(RunRequest& request, const CancellationFlag& cancel,
         identity = platform_.inspect(name, allowance);
         // The list is older than the guard's look: a card swapped for another
         // since it was chosen must not be written.
-        if (disk->sizeBytes != 0 &&
-            (disk->sizeBytes != identity->sizeBytes || disk->mediaName != identity->mediaName)) {
+        if (disk->sizeBytes != 0 && !isChosenMedium(*disk, *identity)) {
           throw DeviceGuard::changed(name);
         }
         fillCardFacts(target, &*identity);
+      } else if (disk->diskSequence != 0) {
+        // Nothing is written, but a card swapped since it was chosen is not
+        // read either.
+        const std::vector<ExternalDisk> listed = platform_.externalDisks(true);
+        if (std::none_of(listed.begin(), listed.end(),
+                         [&](const ExternalDisk& now) { return now.isSameMedium(*disk); })) {
+          throw DeviceGuard::changed(name);
+        }
       }
     } else if (!target.card) {
       checkImageFile(target.imageFile);
@@ -458,7 +480,7 @@ CheckOutcome Session::runQuickCheck(const RunTarget& target,
   if (!mounted.empty() && !dataToPutBack) {
     const std::vector<std::string> failures = platform_.remount(mounted);
     for (const std::string& sentence : failures)
-      tell(hooks, sentence);
+      tell(hooks, sentence, Notice::Level::warning);
     if (failures.empty()) {
       tell(hooks, mounted.size() == 1 ? "Mounted its volume again." : "Mounted its volumes again.");
     }
@@ -578,7 +600,7 @@ std::vector<Session::Restored> Session::restore(RunTarget& target, const RunHook
       }
     }
     for (const std::string& sentence : platform_.remount(mounted))
-      tell(hooks, sentence);
+      tell(hooks, sentence, Notice::Level::warning);
     return restored;
   } catch (...) {
     rethrowAsRunError(CheckAction::quick, target);

@@ -56,6 +56,16 @@ struct RunRequest {
   Wipe::Method wipeMethod = Wipe::Method::zeros;
 };
 
+// Something the user should know after the fact. A warning asks the user to
+// act (a volume that could not be mounted again, a backup with holes); the
+// rest only informs ("Mounted its volume again.").
+struct Notice {
+  enum class Level { info, warning };
+  Level level = Level::info;
+  std::string text;
+  bool operator==(const Notice&) const = default;
+};
+
 // What the status line shows, and why: front ends may show only some kinds.
 enum class StatusKind { waitingForAccess, backingUp, running, formatting };
 
@@ -68,9 +78,7 @@ struct RunHooks {
   // and before anything (the backup included) happens: false stops the run
   // with RunError::NotConfirmed. Empty: the front end confirmed beforehand.
   std::function<bool(const RunTarget&)> confirm;
-  // Things the user should know after the fact (volumes mounted again, a
-  // backup holding zeros for unreadable sectors).
-  std::function<void(const std::string&)> notice;
+  std::function<void(const Notice&)> notice;
 };
 
 // A source opened for reading: owned for disks and files, borrowed from the

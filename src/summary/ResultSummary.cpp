@@ -1,5 +1,6 @@
 #include "summary/ResultSummary.h"
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -64,6 +65,12 @@ class Writer {
         {"Read speed (sample)", speedText(r.readMBps)},
         {"Took", durationText(r.duration)},
     };
+    // The read sample found areas that fail: worth a look whatever the verdict.
+    const std::string scan = "Run a Health Scan to see which areas are affected.";
+    if (r.unreadableSamples > 0 &&
+        std::find(s_.advice.begin(), s_.advice.end(), scan) == s_.advice.end()) {
+      s_.advice.push_back("Parts of the " + noun_ + " couldn't be read. " + scan);
+    }
   }
 
   void operator()(const FullTest::Result& r) const {

@@ -19,7 +19,7 @@ TEST(ExternalDisk, CardWordsAreWholeWords) {
       {"SD card SL16G", true},
   };
   for (const auto& [media, card] : cases) {
-    ExternalDisk disk{"sdb", media, 1, {}};
+    ExternalDisk disk{"sdb", media, 1, {}, "", 0};
     EXPECT_EQ(disk.isMemoryCard(), card) << media;
   }
 }

@@ -140,11 +140,12 @@ TEST(DiskEnumerator, ListsCardLikeDisksWithVolumeNamesAndStampsChanges) {
   FakeSystem fake;
   testing::buildLaptop(fake);
   const std::vector<ExternalDisk> disks = DiskEnumerator::externalDisks(false, fake.paths());
+  // The last field is the kernel's disk sequence number.
   const std::vector<ExternalDisk> expected{
-      {"mmcblk0", "SD card SL16G", 31116288ull * 512, {"EOS_DIGITAL"}},
-      {"sdb", "Generic STORAGE DEVICE", 62333952ull * 512, {"NO NAME"}},
-      {"sdd", "SanDisk Cruzer Blade", 30031872ull * 512, {"MY STICK"}},
-      {"sde", "Samsung PSSD T7", 976773168ull * 512, {"BACKUP", "TENTH"}},
+      {"mmcblk0", "SD card SL16G", 31116288ull * 512, {"EOS_DIGITAL"}, "", 3},
+      {"sdb", "Generic STORAGE DEVICE", 62333952ull * 512, {"NO NAME"}, "", 21},
+      {"sdd", "SanDisk Cruzer Blade", 30031872ull * 512, {"MY STICK"}, "", 23},
+      {"sde", "Samsung PSSD T7", 976773168ull * 512, {"BACKUP", "TENTH"}, "", 24},
   };
   EXPECT_EQ(disks, expected);
   // Listed in natural order: numbers inside names compare as numbers.
@@ -156,7 +157,7 @@ TEST(DiskEnumerator, ListsCardLikeDisksWithVolumeNamesAndStampsChanges) {
   const std::vector<ExternalDisk> withImages = DiskEnumerator::externalDisks(true, fake.paths());
   ASSERT_EQ(withImages.size(), 5u);
   EXPECT_EQ(withImages.front(),
-            (ExternalDisk{"loop0", "Disk Image card.img", 524288ull * 512, {}}));
+            (ExternalDisk{"loop0", "Disk Image card.img", 524288ull * 512, {}, "", 30}));
   EXPECT_TRUE(withImages[1].isMemoryCard());  // SD card SL16G
   EXPECT_EQ(withImages[1].displayName(), "EOS_DIGITAL");
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 #include "RealDisks.h"
 #include "devices/WriteError.h"
@@ -40,7 +41,11 @@ TEST(LoopDevices, EnumeratedAndInspectedAsDiskImagesOrRefusedWhenSwapIsOn) {
   VL_REQUIRE_LOOP_DEVICES();
   const ImageDisk disk(64 << 20, 0, "card image.img");
   const std::string name = disk.loop.name();
-  const ExternalDisk expected{name, "Disk Image card image.img", 64 << 20, {}};
+  // The kernel's number for this medium, which the listing carries.
+  std::uint64_t sequence = 0;
+  std::ifstream("/sys/block/" + name + "/diskseq") >> sequence;
+  ASSERT_NE(sequence, 0u);
+  const ExternalDisk expected{name, "Disk Image card image.img", 64 << 20, {}, "", sequence};
   for (const bool images : {true, false}) {
     const std::vector<ExternalDisk> disks = DiskEnumerator::externalDisks(images);
     EXPECT_EQ(std::ranges::count(disks, expected), images ? 1 : 0);

@@ -2,11 +2,13 @@
 
 #include <QApplication>
 #include <QDialog>
+#include <QFileInfo>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QProcess>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QSettings>
 #include <QTest>
 
@@ -30,21 +32,25 @@ using testing::FakePlatform;
 class ScriptedPrompts final : public Prompts {
  public:
   bool ask(QWidget*, const QString& title, const QString& message, const QString&,
-           const QString&) override {
+           const QString&, bool cancelByDefault) override {
     asked.push_back(title + " | " + message);
+    enterCancels = cancelByDefault;
     return answerYes;
   }
   void inform(QWidget*, const QString& title, const QString& message) override {
     asked.push_back(title + " | " + message);
   }
-  std::optional<QString> saveFile(QWidget*, const QString& title,
-                                  const QString& proposedName) override {
+  // Like the desktop's panel, a name without the suffix gets it.
+  std::optional<QString> saveFile(QWidget*, const QString& title, const QString& proposedName,
+                                  const QString& suffix) override {
     asked.push_back(title + " | " + proposedName);
+    if (saveTo && QFileInfo(*saveTo).suffix().isEmpty()) return *saveTo + "." + suffix;
     return saveTo;
   }
   void showFile(const QString& path) override { shown.push_back(path); }
 
   bool answerYes = true;
+  bool enterCancels = false;
   std::optional<QString> saveTo;
   std::vector<QString> asked;
   std::vector<QString> shown;
@@ -62,10 +68,11 @@ struct App {
   ScriptedPrompts prompts;
   std::unique_ptr<MainWindow> window;
 
-  explicit App(bool demo) {
+  explicit App(bool demo, int disks = 1) {
     auto platform = std::make_unique<FakePlatform>();
     fake = platform.get();
     fake->add("sdb", makeDevice(SimulatedCard::genuine));
+    if (disks > 1) fake->add("sdc", makeDevice(SimulatedCard::genuine));
     model = std::make_unique<CheckModel>(std::move(platform), demo);
     window = std::make_unique<MainWindow>(*model, prompts);
     window->show();
@@ -120,7 +127,7 @@ TEST(Screens, EveryDemoRunGoesFromHomeToItsResultAndBack) {
   ASSERT_EQ(app.prompts.asked.size(), 1u);
   EXPECT_TRUE(
       app.prompts.asked[0].startsWith("Run a Quick Check? | Vellum writes small test "
-                                      "blocks across the card"));
+                                      "blocks across the card \u201CDemo card (fake)\u201D, "));
   EXPECT_EQ(app.window->currentScreen(), app.window->running());
   app.settle();
   ASSERT_EQ(app.window->currentScreen(), app.window->result());
@@ -150,6 +157,8 @@ TEST(Screens, EveryDemoRunGoesFromHomeToItsResultAndBack) {
   grab(*sheet, "sheet-full-demo");
   app.click(sheet->eraseButton());
   ASSERT_TRUE(QTest::qWaitFor([&] { return app.model->progress().has_value(); }, 10'000));
+  EXPECT_TRUE(app.window->running()->phase()->text().endsWith(" of 2)"))
+      << app.window->running()->phase()->text().toStdString();
   grab(*app.window, "running-full");
   app.settle();
   EXPECT_NE(app.window->result()->chart(), nullptr);
@@ -168,7 +177,7 @@ TEST(Screens, EveryDemoRunGoesFromHomeToItsResultAndBack) {
   app.prompts.saveTo = pdf;
   app.click(app.window->result()->saveButton());
   EXPECT_TRUE(
-      app.prompts.asked.back().startsWith("Save Erasure Certificate | Vellum Wipe Demo "
+      app.prompts.asked.back().startsWith("Save Erasure Certificate | Vellum Check Wipe Demo "
                                           "card (genuine) "));
   ASSERT_EQ(app.prompts.shown, std::vector<QString>{pdf});
   QProcess text;
@@ -205,10 +214,18 @@ TEST(Screens, StopReturnsHomeAndDisksAskForTheirOwnName) {
   EXPECT_TRUE(
       app.prompts.asked.back().startsWith("Stop the Full Test? | The card has already "
                                           "been partly overwritten"));
+  EXPECT_TRUE(app.prompts.enterCancels);  // Enter keeps going
+  const std::size_t asked = app.prompts.asked.size();
   app.settle();
   EXPECT_EQ(app.window->currentScreen(), app.window->home());
-  EXPECT_TRUE(app.prompts.asked.back().contains("is now partly overwritten"))
-      << app.prompts.asked.back().toStdString();
+  // What the stop left is a line on the home screen, not another box.
+  EXPECT_EQ(app.prompts.asked.size(), asked);
+  ASSERT_EQ(app.window->home()->notices()->texts().size(), 1);
+  EXPECT_TRUE(app.window->home()->notices()->texts()[0].contains("is now partly overwritten"));
+  grab(*app.window, "home-after-stop");
+  // The overwritten disk lists as another card: chosen again before formatting.
+  EXPECT_FALSE(app.window->home()->formatButton()->isEnabled());
+  app.choose(0);
 
   app.click(app.window->home()->formatButton());
   sheet = app.sheet();
@@ -260,10 +277,87 @@ TEST(Screens, PutDataBackAfterAnInterruptedQuickCheck) {
   app.click(putBack);
   ASSERT_TRUE(QTest::qWaitFor([&] { return !putBack->isVisible(); }, 10'000));
   EXPECT_TRUE(device.storage() == before);
-  ASSERT_FALSE(app.prompts.asked.empty());
-  EXPECT_EQ(app.prompts.asked.back().toStdString(),
-            "Vellum Check | sdb: put back the data at 50 places that an interrupted Quick Check "
-            "had overwritten.");
+  EXPECT_EQ(app.window->home()->notices()->texts(),
+            QStringList{"sdb: put back the data at 50 places that an interrupted Quick Check "
+                        "had overwritten."});
+}
+
+// Two disks whose listing changes after every erasing run, as on a desktop
+// that re-reads a disk's volumes: the result, its report, its file name and
+// its Format button stay with the disk that was tested, nothing is selected
+// that the user did not choose, and no other disk is ever opened.
+TEST(Screens, AResultStaysWithItsDiskAndNothingIsChosenForTheUser) {
+  App app(false, 2);
+  app.fake->disks.at("sdc").listed.mediaName = "Generic Flash Disk";
+  app.fake->disks.at("sdc").mediaNow = "Generic Flash Disk";
+  app.fake->disks.at("sdc").listed.volumeNames = {"CARDB"};
+  app.model->refresh();
+  app.settle();
+  app.choose(1);
+  app.click(app.window->home()->runButton(CheckAction::full));
+  app.typeAndErase("sdc");
+  app.settle();
+  ASSERT_EQ(app.window->currentScreen(), app.window->result());
+  EXPECT_FALSE(app.model->selected());  // the listing changed under it
+  EXPECT_EQ(app.headline(), "Genuine capacity");
+  grab(*app.window, "result-full-drive");
+
+  const testing::TempDir folder;
+  app.prompts.saveTo = QString::fromStdString(folder.file("report"));
+  app.click(app.window->result()->saveButton());
+  EXPECT_TRUE(app.prompts.asked.back().startsWith(
+      "Save Report | Vellum Check Full Test CARDB sdc " +
+      QDate::currentDate().toString(Qt::ISODate)));
+  QProcess text;
+  text.start("/usr/bin/pdftotext", {"-layout", *app.prompts.saveTo + ".pdf", "-"});
+  ASSERT_TRUE(text.waitForFinished());
+  const QString page = QString::fromUtf8(text.readAllStandardOutput());
+  EXPECT_TRUE(page.contains(QRegularExpression("Drive\\s+CARDB"))) << page.toStdString();
+  EXPECT_FALSE(page.contains(QRegularExpression("\\bcard\\b|camera"))) << page.toStdString();
+
+  // Format for a Camera… finds the same disk under its new listing.
+  app.click(app.window->result()->formatButton());
+  ConfirmEraseSheet* sheet = app.sheet();
+  ASSERT_NE(sheet, nullptr);
+  EXPECT_EQ(sheet->card().id(), "sdc");
+  EXPECT_FALSE(sheet->exfatChosen());  // FAT32 for a card up to 32 GiB
+  sheet->volumeNameField()->setText("My Photos Card");
+  EXPECT_EQ(sheet->nameOnCard()->text(), "Written on the card as MYPHOTOSCAR");
+  grab(*sheet, "sheet-format-from-result");
+  app.typeAndErase("sdc");
+  app.settle();
+  ASSERT_EQ(app.fake->formats.size(), 1u);
+  EXPECT_EQ(app.fake->formats[0].disk, "sdc");
+  EXPECT_EQ(app.fake->formats[0].fileSystem, FileSystem::fat32);
+
+  // Done: nothing is chosen for the user, even with the list focused.
+  app.click(app.window->result()->doneButton());
+  app.settle();
+  QListWidget* list = app.window->home()->cardList();
+  app.window->activateWindow();
+  list->setFocus(Qt::TabFocusReason);
+  QTest::qWait(50);
+  EXPECT_EQ(list->currentRow(), -1);
+  EXPECT_FALSE(app.model->selected());
+  EXPECT_FALSE(app.window->home()->runButton(CheckAction::health)->isEnabled());
+  EXPECT_EQ(app.window->stepBar()->status(), "Insert a card or drive and choose it below.");
+  app.window->home()->start(CheckAction::health);
+  EXPECT_FALSE(app.model->isRunning());
+  // A key chooses: the first row.
+  QTest::keyClick(list, Qt::Key_Down);
+  ASSERT_TRUE(app.model->selected());
+  EXPECT_EQ(app.model->selected()->id(), "sdb");
+
+  // The sheet runs the card it confirmed, and refuses it once swapped.
+  app.click(app.window->home()->runButton(CheckAction::wipe));
+  sheet = app.sheet();
+  ASSERT_NE(sheet, nullptr);
+  app.fake->swap("sdb");
+  app.typeAndErase("sdb");
+  app.settle();
+  ASSERT_EQ(app.window->currentScreen(), app.window->failure());
+  EXPECT_TRUE(app.window->failure()->message()->text().startsWith("The disk at sdb changed"));
+  EXPECT_EQ(app.fake->opened, std::vector<std::string>{"sdc"});
 }
 
 }  // namespace

@@ -197,14 +197,15 @@ TEST(Session, FailuresKeepTheirKind) {
   CancellationFlag stop;
   RunHooks stopping;
   stopping.progress = [&](const CheckProgress&) { stop.cancel(); };
-  std::vector<std::string> notices;
-  stopping.notice = [&](const std::string& text) { notices.push_back(text); };
+  std::vector<Notice> notices;
+  stopping.notice = [&](const Notice& notice) { notices.push_back(notice); };
   const RunError cancelled = failure(session, request(CheckAction::quick, card), stopping, stop);
   EXPECT_TRUE(cancelled.is<RunError::Cancelled>());
   EXPECT_EQ(cancelled.description(),
             "Everything the Quick Check wrote was put back; the card holds your data as before.");
   EXPECT_EQ(platform.remounted, 1);
-  EXPECT_EQ(notices, std::vector<std::string>{"Mounted its volume again."});
+  // A harmless fact: it informs, it does not alarm.
+  EXPECT_EQ(notices, (std::vector<Notice>{{Notice::Level::info, "Mounted its volume again."}}));
 }
 
 // A card pulled out in the middle of a Quick Check: the message says how to

@@ -5,7 +5,7 @@
 namespace vellum {
 namespace {
 
-const ExternalDisk kFlashDrive{"sdb", "Generic Flash Disk", 32'000'000'000, {"KINGSTON"}};
+const ExternalDisk kFlashDrive{"sdb", "Generic Flash Disk", 32'000'000'000, {"KINGSTON"}, "", 0};
 
 TEST(CardTest, TextsOfDemoCardsAndDisks) {
   const struct {
@@ -18,7 +18,7 @@ TEST(CardTest, TextsOfDemoCardsAndDisks) {
       {{SimulatedCard::fake}, "sim-fake|Demo card (fake)|Simulated in memory|536.9 MB|card"},
       {{kFlashDrive}, "sdb|KINGSTON|sdb · Generic Flash Disk|32 GB|drive"},
       // Without a media name the detail is the bare identifier.
-      {{ExternalDisk{"sdd", "", 8'000'000'000, {"A", "B"}}}, "sdd|A, B|sdd|8 GB|drive"},
+      {{ExternalDisk{"sdd", "", 8'000'000'000, {"A", "B"}, "", 0}}, "sdd|A, B|sdd|8 GB|drive"},
       // clang-format on
   };
   for (const auto& row : rows) {

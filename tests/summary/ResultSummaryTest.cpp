@@ -18,8 +18,9 @@ constexpr std::uint64_t k96MiB = 100'663'296;
 
 const Card kDemoGenuine{SimulatedCard::genuine};
 const Card kDemoFake{SimulatedCard::fake};
-const Card kFlashDrive{ExternalDisk{"sdb", "Generic Flash Disk", 32'000'000'000, {"KINGSTON"}}};
-const Card kSdReader{ExternalDisk{"sdc", "Built In SDXC Reader", 63'864'569'856, {}}};
+const Card kFlashDrive{
+    ExternalDisk{"sdb", "Generic Flash Disk", 32'000'000'000, {"KINGSTON"}, "", 0}};
+const Card kSdReader{ExternalDisk{"sdc", "Built In SDXC Reader", 63'864'569'856, {}, "", 0}};
 const std::optional<Card> kNoCard;
 
 SpeedSummary speeds(double average, double sustained, double minimum, std::vector<double> curve) {
