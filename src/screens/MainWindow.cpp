@@ -52,7 +52,7 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
   // Fits a 1280 × 800 screen with its panel and title bar; the home screen
   // scrolls below that.
   resize(760, 700);
-  setMinimumSize(560, 520);
+  setMinimumSize(560, 600);
 
   connect(&model, &CheckModel::alert, this,
           [this, &prompts](const QString& text) { prompts.inform(this, "Vellum Check", text); });

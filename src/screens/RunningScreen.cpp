@@ -91,15 +91,12 @@ RunningScreen::RunningScreen(CheckModel& model, Prompts& prompts, QWidget* paren
   bar_->setTextVisible(false);
   bar_->setAccessibleName("Progress");
   layout->addWidget(bar_);
-  auto* figures = new QHBoxLayout;
-  speed_->setAlignment(Qt::AlignRight);
-  speed_->setWordWrap(false);
   speed_->setObjectName("speed");
-  figures->addWidget(status_, 1);
-  figures->addWidget(speed_, 0, Qt::AlignTop);
-  layout->addLayout(figures);
+  layout->addWidget(speed_);
+  layout->addWidget(status_);
   layout->addSpacing(8);
-  layout->addWidget(secondaryLabel("Speed, MB/s", this));
+  layout->addWidget(secondaryLabel("Speed", this));
+  chart_->setMinimumHeight(110);
   chart_->setMaximumHeight(260);
   layout->addWidget(chart_, 1);
   layout->addStretch();
@@ -173,7 +170,7 @@ void RunningScreen::showProgress() {
   if (progress->bytesPerSecond) {
     figures += QString::asprintf("  \u00B7  %.1f MB/s", *progress->bytesPerSecond / 1e6);
   }
-  figures += "\n" + clockText(model_.elapsedSeconds()) + " so far";
+  figures += "  \u00B7  " + clockText(model_.elapsedSeconds()) + " so far";
   if (overall.secondsLeft && *overall.secondsLeft >= 1) {
     figures += ", about " + clockText(*overall.secondsLeft) + " left";
   }

@@ -31,8 +31,8 @@ using testing::FakePlatform;
 // Answers the screens' questions from a script and records what was asked.
 class ScriptedPrompts final : public Prompts {
  public:
-  bool ask(QWidget*, const QString& title, const QString& message, const QString&,
-           const QString&, bool cancelByDefault) override {
+  bool ask(QWidget*, const QString& title, const QString& message, const QString&, const QString&,
+           bool cancelByDefault) override {
     asked.push_back(title + " | " + message);
     enterCancels = cancelByDefault;
     return answerYes;
@@ -60,6 +60,17 @@ void grab(QWidget& widget, const std::string& name) {
   QCoreApplication::processEvents();  // pending layout requests
   widget.grab().save(QString(VELLUM_BUILD_DIR) + "/screen-" + QString::fromStdString(name) +
                      ".png");
+}
+
+// The window at its minimum size and as large as a 1280 × 800 screen allows,
+// then back at its default size.
+void grabSizes(QWidget& window, const std::string& name) {
+  const QSize size = window.size();
+  window.resize(window.minimumSize());
+  grab(window, name + "-minimum");
+  window.resize(1280, 770);
+  grab(window, name + "-1280x800");
+  window.resize(size);
 }
 
 struct App {
@@ -121,6 +132,7 @@ TEST(Screens, EveryDemoRunGoesFromHomeToItsResultAndBack) {
   // Demo cards cannot be formatted.
   EXPECT_FALSE(app.window->home()->formatButton()->isEnabled());
   grab(*app.window, "home");
+  grabSizes(*app.window, "home");
 
   app.choose(1);  // the fake demo card
   app.click(app.window->home()->runButton(CheckAction::quick));
@@ -160,6 +172,7 @@ TEST(Screens, EveryDemoRunGoesFromHomeToItsResultAndBack) {
   EXPECT_TRUE(app.window->running()->phase()->text().endsWith(" of 2)"))
       << app.window->running()->phase()->text().toStdString();
   grab(*app.window, "running-full");
+  grabSizes(*app.window, "running-full");
   app.settle();
   EXPECT_NE(app.window->result()->chart(), nullptr);
   grab(*app.window, "result-full-genuine");
@@ -301,13 +314,14 @@ TEST(Screens, AResultStaysWithItsDiskAndNothingIsChosenForTheUser) {
   EXPECT_FALSE(app.model->selected());  // the listing changed under it
   EXPECT_EQ(app.headline(), "Genuine capacity");
   grab(*app.window, "result-full-drive");
+  grabSizes(*app.window, "result-full-drive");
 
   const testing::TempDir folder;
   app.prompts.saveTo = QString::fromStdString(folder.file("report"));
   app.click(app.window->result()->saveButton());
-  EXPECT_TRUE(app.prompts.asked.back().startsWith(
-      "Save Report | Vellum Check Full Test CARDB sdc " +
-      QDate::currentDate().toString(Qt::ISODate)));
+  EXPECT_TRUE(
+      app.prompts.asked.back().startsWith("Save Report | Vellum Check Full Test CARDB sdc " +
+                                          QDate::currentDate().toString(Qt::ISODate)));
   QProcess text;
   text.start("/usr/bin/pdftotext", {"-layout", *app.prompts.saveTo + ".pdf", "-"});
   ASSERT_TRUE(text.waitForFinished());
