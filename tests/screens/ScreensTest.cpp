@@ -12,6 +12,7 @@
 #include <QSettings>
 #include <QTest>
 
+#include "ScriptedPrompts.h"
 #include "app/CheckModel.h"
 #include "screens/ConfirmEraseSheet.h"
 #include "screens/HomeScreen.h"
@@ -27,34 +28,7 @@ namespace vellum {
 namespace {
 
 using testing::FakePlatform;
-
-// Answers the screens' questions from a script and records what was asked.
-class ScriptedPrompts final : public Prompts {
- public:
-  bool ask(QWidget*, const QString& title, const QString& message, const QString&, const QString&,
-           bool cancelByDefault) override {
-    asked.push_back(title + " | " + message);
-    enterCancels = cancelByDefault;
-    return answerYes;
-  }
-  void inform(QWidget*, const QString& title, const QString& message) override {
-    asked.push_back(title + " | " + message);
-  }
-  // Like the desktop's panel, a name without the suffix gets it.
-  std::optional<QString> saveFile(QWidget*, const QString& title, const QString& proposedName,
-                                  const QString& suffix) override {
-    asked.push_back(title + " | " + proposedName);
-    if (saveTo && QFileInfo(*saveTo).suffix().isEmpty()) return *saveTo + "." + suffix;
-    return saveTo;
-  }
-  void showFile(const QString& path) override { shown.push_back(path); }
-
-  bool answerYes = true;
-  bool enterCancels = false;
-  std::optional<QString> saveTo;
-  std::vector<QString> asked;
-  std::vector<QString> shown;
-};
+using testing::ScriptedPrompts;
 
 void grab(QWidget& widget, const std::string& name) {
   QCoreApplication::processEvents();  // pending layout requests
