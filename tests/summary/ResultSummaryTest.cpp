@@ -40,6 +40,12 @@ QuickCheck::Result quick(QV verdict, std::uint64_t claimed = k512MiB,
           .readMBps = 23.46, .duration = 150};
 }
 
+// A Quick Check whose read sample hit pieces it could not read.
+QuickCheck::Result unreadableSample(QuickCheck::Result r) {
+  r.unreadableSamples = 2;
+  return r;
+}
+
 FullTest::Result full(FV verdict, std::optional<SpeedClass> speedClass = SpeedClass::class10,
                       std::uint64_t claimed = k512MiB, std::uint64_t holds = k96MiB) {
   return {.verdict = verdict, .claimedBytes = claimed, .usableBytes = holds, .holdsBytes = holds,
@@ -105,6 +111,9 @@ TEST(ResultSummaryTest, VerdictTexts) {
       {quick(QV::genuine, k256MiB, k256MiB), kDemoGenuine, "good checkmark.seal.fill | Capacity looks genuine | All 1024 test points across the full 268.4 MB stored and returned data correctly. Your files were left as they were. | For complete certainty and a speed rating, run the Full Test (it erases the card)."},
       {quick(QV::counterfeit), kDemoFake, "bad xmark.octagon.fill | Fake capacity | This card claims 536.9 MB but only about 100.7 MB actually stores data. Anything saved beyond that is lost or overwrites earlier files. | Stop using it for anything important. | Ask the seller for a refund. Save this report as evidence. | Copy off anything already on it now: files past 100.7 MB may already be damaged."},
       {quick(QV::unreliable), kNoCard, "warning exclamationmark.triangle.fill | Unreliable storage | 834 of 1024 test points didn't store data correctly, scattered across the card. It's likely failing. | Copy your files off now and replace the card. | Run a Health Scan to see which areas are affected."},
+      // Unreadable pieces of the read sample send the user to a Health Scan, once.
+      {unreadableSample(quick(QV::genuine, k256MiB, k256MiB)), kFlashDrive, "good checkmark.seal.fill | Capacity looks genuine | All 1024 test points across the full 268.4 MB stored and returned data correctly. Your files were left as they were. | For complete certainty and a speed rating, run the Full Test (it erases the drive). | Parts of the drive couldn't be read. Run a Health Scan to see which areas are affected."},
+      {unreadableSample(quick(QV::unreliable)), kNoCard, "warning exclamationmark.triangle.fill | Unreliable storage | 834 of 1024 test points didn't store data correctly, scattered across the card. It's likely failing. | Copy your files off now and replace the card. | Run a Health Scan to see which areas are affected."},
       // A drive gets no speed rating, however fast it is.
       {full(FV::genuine, SpeedClass::v30, 32'000'000'000, 32'000'000'000), kFlashDrive, "good checkmark.seal.fill | Genuine capacity | Every block of the 32 GB drive stored data correctly. It sustains 12.3 MB/s writing." + kDriveTail},
       {full(FV::genuine, std::nullopt), kSdReader, "good checkmark.seal.fill | Genuine, but slow | Every block stored data correctly, but it writes slower than 2 MB/s, below any SD speed class." + kCardTail},
