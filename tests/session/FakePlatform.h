@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "devices/SimulatedDevice.h"
@@ -60,6 +61,8 @@ class FakePlatform final : public DiskPlatform {
   }
 
   std::vector<ExternalDisk> externalDisks(bool) override {
+    // A refresh may read the listing while a run's device closes.
+    const std::lock_guard lock(listing);
     std::vector<ExternalDisk> list;
     for (const auto& [name, disk] : disks)
       list.push_back(disk.listed);
@@ -103,6 +106,7 @@ class FakePlatform final : public DiskPlatform {
   void format(const DiskIdentity& identity, FileSystem fileSystem, const std::string& name,
               std::optional<std::uint64_t> usableBytes) override {
     formats.push_back({identity.deviceIdentifier, fileSystem, name, usableBytes});
+    const std::lock_guard lock(listing);
     disks.at(identity.deviceIdentifier).listed.volumeNames = {name};
   }
 
@@ -116,6 +120,7 @@ class FakePlatform final : public DiskPlatform {
   };
   std::map<std::string, Disk> disks;
   std::uint64_t sequence = 0;
+  std::mutex listing;               // guards the listed disks' volume names
   std::vector<std::string> opened;  // every disk opened, in order
   std::set<std::string> mounted;
   std::function<void(FaultyDevice&)> onOpen;
@@ -137,6 +142,7 @@ inline ClosingDevice::~ClosingDevice() {
   if (found == platform_.disks.end()) return;
   const Bytes& storage = found->second.device->storage();
   if (!std::equal(start_.begin(), start_.end(), storage.begin())) {
+    const std::lock_guard lock(platform_.listing);
     found->second.listed.volumeNames.clear();
   }
 }
