@@ -66,9 +66,9 @@ TEST(Cli, SavesTheReportTheApplicationSaves) {
   for (const auto& entry : std::filesystem::directory_iterator(dir.path()))
     saved.push_back(entry.path());
   ASSERT_EQ(saved.size(), 1u);
-  EXPECT_TRUE(
-      std::regex_match(saved[0].filename().string(),
-                       std::regex(R"(Vellum Wipe Demo card \(genuine\) \d{4}-\d\d-\d\d\.pdf)")))
+  EXPECT_TRUE(std::regex_match(
+      saved[0].filename().string(),
+      std::regex(R"(Vellum Check Wipe Demo card \(genuine\) \d{4}-\d\d-\d\d\.pdf)")))
       << saved[0];
   EXPECT_EQ(wipe.err, "Saved the certificate of erasure to " + saved[0].string() + ".\n");
 
