@@ -99,7 +99,7 @@ HomeScreen::HomeScreen(CheckModel& model, Prompts& prompts, QWidget* parent)
       1);
   listOrHint_->addWidget(list_);
   listOrHint_->addWidget(hint);
-  listOrHint_->setMaximumHeight(140);
+  listOrHint_->setMaximumHeight(118);
   layout->addWidget(listOrHint_);
 
   // A Quick Check that was interrupted left test data on this card: the

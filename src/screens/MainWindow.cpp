@@ -51,7 +51,7 @@ MainWindow::MainWindow(CheckModel& model, Prompts& prompts, QWidget* parent)
   setCentralWidget(central);
   // Fits a 1280 × 800 screen with its panel and title bar; the home screen
   // scrolls below that.
-  resize(760, 700);
+  resize(760, 730);
   setMinimumSize(560, 600);
 
   connect(&model, &CheckModel::alert, this,
