@@ -57,7 +57,9 @@ std::uint64_t sectorsRead(const std::string& name) {
 
 TEST(RealWindow, AFullTestStaysWithItsDiskAndTheOtherIsNeverRead) {
   VL_REQUIRE_LOOP_DEVICES();
-  if (!findProgram("mkfs.ext4")) GTEST_SKIP() << "needs mkfs.ext4";
+  for (const char* tool : {"mkfs.ext4", "mkfs.fat", "sfdisk", "partx"}) {
+    if (!findProgram(tool)) GTEST_SKIP() << "needs " << tool;
+  }
   const testing::TempDir dir;
   testing::createSparseFile(dir.file("a.img"), 64 * kMiB);
   testing::createSparseFile(dir.file("b.img"), 64 * kMiB);
@@ -118,14 +120,22 @@ TEST(RealWindow, AFullTestStaysWithItsDiskAndTheOtherIsNeverRead) {
   ASSERT_TRUE(text.waitForFinished());
   EXPECT_TRUE(text.readAllStandardOutput().contains("CARDB (67.1 MB)"));
 
-  // Format for a Camera… opens the format sheet for that disk.
+  // Format for a Camera… formats that disk, and its result names it too.
   click(window.result()->formatButton());
   ASSERT_TRUE(QTest::qWaitFor([&] {
     sheet = window.findChild<ConfirmEraseSheet*>();
     return sheet && sheet->isVisible() && sheet->action() == CheckAction::format;
   }));
   EXPECT_EQ(sheet->card().id(), tested);
-  sheet->reject();
+  QTest::keyClicks(sheet->typedField(), QString::fromStdString(tested));
+  click(sheet->eraseButton());
+  settle();
+  ASSERT_EQ(window.currentScreen(), window.result());
+  ASSERT_TRUE(std::holds_alternative<CheckModel::Result>(model.stage()));
+  EXPECT_EQ(std::get<CheckModel::Result>(model.stage()).action, CheckAction::format);
+  click(window.result()->saveButton());
+  EXPECT_TRUE(prompts.asked.back().contains(" " + QString::fromStdString(tested) + " "))
+      << prompts.asked.back().toStdString();
 
   // Done: nothing is chosen for the user, and the other disk was never read.
   click(window.result()->doneButton());
