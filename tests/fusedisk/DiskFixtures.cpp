@@ -71,10 +71,15 @@ LoopDevice::LoopDevice(const std::string& file, Options options) {
   if (options.readOnly) argv.push_back("--read-only");
   argv.push_back(file);
   path_ = trimmed(run(argv));
+  // Partitions added by hand (partx, as a format does) outlive a detach
+  // without partition scanning: drop any an earlier user left behind.
+  runProcess({"partx", "--delete", path_});
 }
 
 LoopDevice::~LoopDevice() {
-  if (!path_.empty()) runProcess({"losetup", "--detach", path_});
+  if (path_.empty()) return;
+  runProcess({"partx", "--delete", path_});
+  runProcess({"losetup", "--detach", path_});
 }
 
 std::string LoopDevice::name() const {
