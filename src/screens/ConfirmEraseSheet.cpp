@@ -73,11 +73,12 @@ ConfirmEraseSheet::ConfirmEraseSheet(CheckAction action, const Card& card, Promp
     auto* systems = new QHBoxLayout;
     exfat_ = new QRadioButton("exFAT", this);
     auto* fat32 = new QRadioButton("FAT32", this);
-    // As SD cards come: FAT32 up to 32 GiB (SDHC cameras refuse exFAT),
-    // exFAT above.
+    // As SD cards come, by the formatter's own rule: FAT32 up to 32 GB
+    // (SDHC cameras refuse exFAT), exFAT above.
     const ExternalDisk* disk = card.disk();
-    const bool small = disk && disk->sizeBytes != 0 && disk->sizeBytes <= 32ull << 30;
-    (small ? fat32 : exfat_)->setChecked(true);
+    const bool fat = disk && disk->sizeBytes != 0 &&
+                     DiskFormatter::recommended(disk->sizeBytes) == FileSystem::fat32;
+    (fat ? fat32 : exfat_)->setChecked(true);
     systems->addWidget(exfat_);
     systems->addWidget(fat32);
     systems->addStretch();

@@ -81,8 +81,7 @@ TEST(CheckModelTest, ProgressKeepsTheLast400SamplesOfPhasesThatMoveData) {
   EXPECT_EQ(f.model->speedHistory().front(), 1.0);
   EXPECT_EQ(f.model->speedHistory().back(), 400.0);
   // The writing samples have scrolled out; the verifying mark holds at the start.
-  EXPECT_EQ(f.model->phaseMarks(),
-            (std::vector<CheckModel::PhaseMark>{{0, Phase::verifying}}));
+  EXPECT_EQ(f.model->phaseMarks(), (std::vector<CheckModel::PhaseMark>{{0, Phase::verifying}}));
 
   f.model->cancelFlag().cancel();
   release.set_value();
